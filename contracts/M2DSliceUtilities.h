@@ -1,0 +1,69 @@
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "M2DSlice.h"
+
+class IVectorBlockMergePredicate
+{
+public:
+    virtual ~IVectorBlockMergePredicate() = default;
+    // True when block b may be appended to block a.
+    virtual bool CanMerge(const M2DSliceVectorBlock& a, const M2DSliceVectorBlock& b) const = 0;
+};
+
+namespace M2DSliceUtilities {
+
+// Every segment of every contour (the closing one of closed contours included) as vectors,
+// one new block per contour with the contour's label.
+void AddContoursToVectorLayer(const M2DSliceContourLayer& border, M2DSliceVectorLayer& vectors);
+// The segments of one contour appended to a block.
+void ConvertContourToVectors(const M2DSliceContour& contour, M2DSliceVectorBlock& block);
+// Chains of vectors (one's end equal to the next one's start) become contours with the
+// block's label; a chain that returns to its start is closed, with the start not repeated.
+void ConvertVectorsToContours(const M2DSliceVectorBlock& block, M2DSliceContourLayer& border);
+// Joins each block into the block before it while the predicate holds for the pair.
+void MergeVectorBlocks(M2DSliceVectorLayer& vectors, const IVectorBlockMergePredicate& predicate);
+// Gives every closed contour its proper sense: outer contours (nested at even depth)
+// positive signed area, holes negative, and sets the outer flags accordingly.
+void OrientBorder(M2DSliceContourLayer& border);
+// Twice the signed area: the sum of (y1 + y2) * (x2 - x1) over the closed polygon.
+double SignedAreaSum(const M2DSliceContour& contour);
+
+} // namespace M2DSliceUtilities
+
+// Classifies the closed contours of a layer by nesting: for each contour (by position) its
+// depth (0 outermost) and the index of its direct parent (-1 for none).
+class M2DSliceOperatorDetermineAreas
+{
+public:
+    struct Area
+    {
+        int Depth = 0;
+        long Parent = -1;
+        double SignedArea = 0.0; // positive for a counter-clockwise contour
+    };
+    void DetermineAreas(const M2DSliceContourLayer* border);
+    const std::vector<Area>& GetAreas() const { return _areas; }
+
+private:
+    std::vector<Area> _areas;
+};
+
+// Orders vector blocks by region: blocks of the listed types first, in the order of the
+// list; the others after them in their own order. Within a type, blocks whose bounding
+// boxes overlap the same outer contour stay together.
+class M2DSliceOperatorSortRegions
+{
+public:
+    virtual ~M2DSliceOperatorSortRegions() = default;
+    void SetSortingOrder(const std::vector<e2DSliceVectorType>& types, bool othersLast);
+    // Sorts blocks (pointers into the slices) in place.
+    virtual void Sort(const std::vector<std::shared_ptr<const M2DSlice>>& slices,
+                      std::vector<const M2DSliceVectorBlock*>& blocks);
+
+private:
+    std::vector<e2DSliceVectorType> _order;
+    bool _othersLast = true;
+};

@@ -1,0 +1,23 @@
+#pragma once
+#include <map>
+#include <string>
+
+// Event parser over expat. Subclasses get start tags with their attributes, end tags and
+// character data. Parse errors make ParseString return false with a message.
+class MXMLExpat
+{
+public:
+    MXMLExpat() = default;
+    virtual ~MXMLExpat() = default;
+
+    bool ParseString(const std::string& text);
+    const std::string& GetErrorMessage() const { return _error; }
+
+protected:
+    virtual void OnStartElement(const std::string& name, const std::map<std::string, std::string>& attributes) = 0;
+    virtual void OnEndElement(const std::string& /*name*/) {}
+    virtual void OnCharacterData(const std::string& /*text*/) {}
+
+private:
+    std::string _error;
+};
