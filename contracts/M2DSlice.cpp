@@ -287,6 +287,36 @@ void M2DSlice::CopyFrom(M2DSlice& other, bool take)
     }
 }
 
+void M2DSlice::AppendFrom(const M2DSlice& other)
+{
+    if (&other == this)
+        return;
+    DataKnown = false;
+    for (const M2DSliceContour& src : other._border)
+    {
+        M2DSliceContour* dst = _border.AddContourAtEnd();
+        dst->CopyAttributesFrom(src);
+        dst->SetIsClosed(src.GetIsClosed());
+        dst->SetIsOuterContour(src.GetIsOuterContour());
+        for (const M2DSliceContourPoint& p : src)
+            dst->InsertAtEnd(p.x, p.y, p.data);
+    }
+    for (std::size_t i = 0; i < other._vectors.GetNumVectorBlocks(); ++i)
+    {
+        const M2DSliceVectorBlock* src = other._vectors.GetVectorBlock(i);
+        M2DSliceVectorBlock* dst = _vectors.AddVectorBlockAtEnd();
+        dst->SetTypeInfo(src->GetTypeInfo());
+        dst->Vectors = src->Vectors;
+    }
+    for (std::size_t i = 0; i < other._points.GetNumPointBlocks(); ++i)
+    {
+        const M2DSlicePointBlock* src = other._points.GetPointBlock(i);
+        M2DSlicePointBlock* dst = _points.AddPointBlockAtEnd();
+        dst->SetTypeInfo(src->GetTypeInfo());
+        dst->Points = src->Points;
+    }
+}
+
 void M2DSlice::GetBaseInfoVectors(M2DSliceBaseInfoVectors& out) const
 {
     out.Blocks.clear();

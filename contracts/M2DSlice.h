@@ -165,6 +165,35 @@ public:
     // Takes the block out and destroys it. With release false the emptied block (and the
     // capacity of its vector storage) is kept for the next AddVectorBlockAtEnd.
     void RemoveVectorBlock(M2DSliceVectorBlock* block, bool release);
+    // Visits the blocks in order and destroys those for which remove(block) is true, in one
+    // pass: removing many blocks one by one would cost a search and a shift each.
+    template <class F>
+    void RemoveVectorBlocksIf(F remove)
+    {
+        std::size_t kept = 0;
+        std::size_t i = 0;
+        try
+        {
+            for (; i < _blocks.size(); ++i)
+            {
+                if (remove(*_blocks[i]))
+                    delete _blocks[i];
+                else
+                    _blocks[kept++] = _blocks[i];
+            }
+        }
+        catch (...)
+        {
+            // Keep the blocks not yet visited, so that the list stays valid.
+            for (; i < _blocks.size(); ++i)
+                _blocks[kept++] = _blocks[i];
+            _blocks.resize(kept);
+            _Relink();
+            throw;
+        }
+        _blocks.resize(kept);
+        _Relink();
+    }
     void MakeEmpty();
     void Swap(M2DSliceVectorLayer& other) noexcept;
 
@@ -270,6 +299,9 @@ public:
     // Takes over height, geometry and box of another slice: moved when take is true
     // (the other slice is left empty), copied otherwise.
     void CopyFrom(M2DSlice& other, bool take);
+    // Adds copies of the contours, vector blocks and point blocks of another slice after
+    // the own ones. The height stays; the box counts as out of date.
+    void AppendFrom(const M2DSlice& other);
     void GetBaseInfoVectors(M2DSliceBaseInfoVectors& out) const;
     // Bytes of memory the geometry occupies (points, vectors, blocks, contours).
     std::size_t GetMemorySize() const;

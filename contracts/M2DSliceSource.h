@@ -60,8 +60,9 @@ public:
         Items.clear();
         Slices.clear();
     }
-    // Appends the slice and its items: contours, then vector blocks, then point blocks.
-    void AddSlice(const std::shared_ptr<const M2DSlice>& slice);
+    // Appends the slice and its items: contours, then vector blocks, then point blocks
+    // (vector blocks before contours when bordersFirst is false). A null slice is ignored.
+    void AddSlice(const std::shared_ptr<const M2DSlice>& slice, bool bordersFirst = true);
 
     std::vector<M2DSliceConstDataItem> Items;
     std::vector<std::shared_ptr<const M2DSlice>> Slices;
@@ -107,8 +108,12 @@ protected:
     virtual void _OnStartGettingSlices() const {}                       // 9
     virtual std::uint64_t _OnGetNumSlices() const = 0;                  // 10
     virtual M2DSliceZArea _OnGetSliceZArea(std::uint64_t i) const;      // 11
+    // The two forms of getting a slice default to each other: a subclass overrides at least
+    // one of them (a source that keeps its slices the shared form, one that reads them on
+    // demand the filling form).
     virtual std::shared_ptr<const M2DSlice> _OnGetSlice(std::uint64_t i) const;         // 12
     virtual void _OnGetSlice(M2DSlice& slice, std::uint64_t i) const;                   // 13
+    // Appends the slices of layer i (one here; one per joined source in a source vector).
     virtual void _OnGetSlices(std::vector<std::shared_ptr<const M2DSlice>>& slices, std::uint64_t i) const; // 14
     virtual void _OnGetSliceItems(M2DSliceConstDataItems& items, std::uint64_t i) const; // 15
     virtual void _OnStopGettingSlices() const {}                        // 16
@@ -130,7 +135,11 @@ public:
     virtual PersistentProperties* GetProperties() { return nullptr; }
 };
 
-// Joins several sources into one, layer by layer.
+// Joins several sources into one, layer by layer. SetVector builds the layer table from the
+// heights alone, loading no slice; null sources are skipped. GetSlices and GetSliceItems give
+// one slice per source; GetSlice gives a single source's own slice, or for several sources a
+// new slice holding the geometry of all of them. Parameters and properties are those of the
+// first source.
 class M2DSliceSourceVector : public ISource2DSlices
 {
 public:
@@ -139,8 +148,10 @@ public:
         // First byte: reserved, no effect.
         bool Reserved = false;
         // Layers are the distinct heights of all sources in rising order, each source
-        // contributing its slice at that height (or an empty one). When false, layer i is
-        // the i-th slice of every source, and shorter sources contribute empty slices.
+        // contributing its slice at that height (or an empty one with that height); a source
+        // holding a height k times fills the first k layers of that height. When false,
+        // layer i is the i-th slice of every source, and shorter sources contribute empty
+        // slices with the height of the first source that has layer i.
         bool JoinByHeight = false;
     };
 

@@ -18,16 +18,20 @@ public:
     M2DSliceStack() = default;
     ~M2DSliceStack() override;
 
-    // Replaces the content by the slices of the source, fetched lazily.
+    // Replaces the slices by those of the source, fetched lazily; slices added later come
+    // after them. The source's slice and IO parameters are copied; the properties stay, since
+    // a source that scans a file may already have filled them.
     void InitFromSourceSlices(std::shared_ptr<ISource2DSlices> source);
+    // Drops all slices and the initial source; properties and parameters stay.
     void Clear();
 
-    // ITarget2DSlices
+    // ITarget2DSlices. Appends the slice after all others; take moves its geometry out.
     M2DSlice* AddSlice(M2DSlice& slice, bool take) override;
     PersistentProperties* GetProperties() override { return &_properties; }
     const PersistentProperties* GetProperties() const { return &_properties; }
 
-    // Thickness reported as a source; 0 means the distance of the first two heights.
+    // Thickness reported as a source; 0 means the slice parameters' layer thickness, or
+    // when that is 0 too, the distance of the first two heights.
     void SetSliceThickness(std::int32_t thickness) { _thickness = thickness; }
     M2DSliceIOParameters& GetIOParametersUpdate() { return _ioParameters; }
     MSliceFileParameters& GetSliceParametersUpdate() { return _sliceParameters; }

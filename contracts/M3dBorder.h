@@ -258,6 +258,28 @@ public:
             delete c;
     }
 
+    // Visits the contours in order and destroys those for which remove(contour) is true, in
+    // one pass: removing many contours one by one would cost a search and a shift each.
+    template <class F>
+    void RemoveContoursIf(F remove)
+    {
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < _contours.size(); ++i)
+        {
+            C* c = _contours[i];
+            if (remove(*c))
+                delete c;
+            else
+                _contours[kept++] = c;
+        }
+        _contours.resize(kept);
+        for (std::size_t i = 0; i < kept; ++i)
+        {
+            _contours[i]->_prevContour = i > 0 ? _contours[i - 1] : nullptr;
+            _contours[i]->_nextContour = i + 1 < kept ? _contours[i + 1] : nullptr;
+        }
+    }
+
     void MakeEmpty()
     {
         for (C* c : _contours)

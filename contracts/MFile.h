@@ -21,6 +21,9 @@ public:
     MFile& operator=(const MFile&) = delete;
     virtual ~MFile();
 
+    // Opening closes a file that is open first. OPEN_READ: read-only. OPEN_WRITE: created or
+    // emptied. OPEN_APPEND: created if missing, positioned at the end. OPEN_UPDATE: created
+    // if missing, kept as it is, positioned at the start. The writing modes may read too.
     bool OPEN_READ(const wchar_t* path);
     bool OPEN_WRITE(const wchar_t* path);
     bool OPEN_APPEND(const wchar_t* path);
@@ -79,12 +82,15 @@ public:
 
     void REWIND() { SEEK(0, 0); }
 
+    // Flushes, drops what was read ahead and keeps the position.
     virtual void SET_BUFFER_SIZE(std::uint64_t size);
+    // True at or past the end; also true for a closed file, so that reading loops end.
     virtual bool IS_EOF();
     // origin 0: from the start, 1: from the position, 2: from the end. A target before the
     // start fails and leaves the position.
     virtual bool SEEK(std::int64_t offset, int origin);
     virtual std::int64_t TELL() const;
+    // FLUSH and CLOSE are false when any operation since the open failed.
     virtual bool FLUSH();
     virtual bool CLOSE();
     virtual std::int64_t GET_SIZE();
@@ -101,9 +107,9 @@ public:
     }
 
 private:
-    bool _Open(const wchar_t* path, int flags, bool atEnd, bool readable);
+    bool _Open(const wchar_t* path, int flags, bool atEnd);
     bool _FlushWrite();
-    bool _StartReading();
+    void _StartReading();
     void _StartWriting();
     bool _Fill();
     int _SlowGetc();
@@ -120,6 +126,5 @@ private:
     std::size_t _bufLen = 0;    // reading: valid bytes in the buffer
     std::size_t _bufPos = 0;    // cursor in the buffer; writing: pending bytes
     bool _reading = true;
-    bool _readable = false;
     int _error = 0;
 };

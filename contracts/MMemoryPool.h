@@ -1,4 +1,5 @@
 #pragma once
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -88,8 +89,22 @@ class MBlockArray
 public:
     MBlockArray() = default;
     MBlockArray(const MBlockArray& other) { *this = other; }
-    MBlockArray(MBlockArray&&) noexcept = default;
-    MBlockArray& operator=(MBlockArray&&) noexcept = default;
+    // A moved-from array is empty: its size must not outlive the blocks it gave away.
+    MBlockArray(MBlockArray&& other) noexcept : _blocks(std::move(other._blocks)), _size(other._size)
+    {
+        other._size = 0;
+    }
+    MBlockArray& operator=(MBlockArray&& other) noexcept
+    {
+        if (this != &other)
+        {
+            _blocks = std::move(other._blocks);
+            _size = other._size;
+            other._blocks.clear();
+            other._size = 0;
+        }
+        return *this;
+    }
     MBlockArray& operator=(const MBlockArray& other)
     {
         if (this != &other)

@@ -3,7 +3,9 @@
 #include <string>
 
 // Event parser over expat. Subclasses get start tags with their attributes, end tags and
-// character data. Parse errors make ParseString return false with a message.
+// character data (possibly in several pieces for one run of text). Parse errors make
+// ParseString return false with a message naming the line. An exception thrown by a handler
+// stops the parse and leaves ParseString.
 class MXMLExpat
 {
 public:
@@ -19,5 +21,6 @@ protected:
     virtual void OnCharacterData(const std::string& /*text*/) {}
 
 private:
+    friend struct MXMLExpatCallbacks;
     std::string _error;
 };

@@ -11,9 +11,11 @@ enum EXMLEncoding
     EXMLEncoding_UTF8 = 0,
 };
 
-// Streaming XML writer: elements nest, attributes follow their start tag, text is escaped.
-// An element with no content is closed as <name .../>. Every call returns false after a
-// failure, and nothing is thrown.
+// Streaming XML writer in UTF-8: an XML declaration line, then elements that nest, each
+// start tag followed by its attributes. Attribute values and text are escaped. An element
+// with no content is closed as <name .../>; every element ends its line. Every call returns
+// false after a failure (including misuse, such as an end tag that does not match), and
+// nothing is thrown.
 class MXMLWriter : public ZanSAX::ISAXWriter
 {
 public:
@@ -30,10 +32,9 @@ public:
     static std::string Escape(const std::string& text);
 
 private:
-    bool _CloseStartTag();
+    bool _CloseStartTag(bool newLine);
     MFile _file;
-    std::vector<std::string> _open;
-    bool _inStartTag = false;
-    bool _hasContent = false;
+    std::vector<std::string> _open; // names of the elements not yet ended, innermost last
+    bool _inStartTag = false;       // the innermost start tag still takes attributes
     bool _ok = false;
 };
