@@ -210,8 +210,11 @@ public:
         M2DSliceContourLayer* _border;
         M2DSliceVectorLayer* _vectors;
         M2DSlicePointLayer* _points;
-        M2DSliceContour* _contour = nullptr;
+        M2DSliceContour* _contour = nullptr;   // contour under way
         M2DSliceVectorBlock* _block = nullptr; // last vector block, cached for AddVector
+        // Handed out by the Get...TypeInfo calls while there is nothing to label, so that a
+        // format that labels after the fact never writes through a null pointer.
+        M2DSliceVectorTypeInfo _spareLabel;
     };
 
     // Measures a layer into an info without building anything.
