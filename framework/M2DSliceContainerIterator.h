@@ -37,6 +37,7 @@ public:
     const M2DSliceContainerScanInfo& GetTotals() const { return _totals; }
     const std::vector<LayerEntry>& GetLayerTable() const { return _layers; }
 
+    // Scans the file into the layer table; the result is also what IsValid() reports.
     bool _ScanFile();
 
 protected:
@@ -53,6 +54,8 @@ protected:
     virtual bool _ScanLayer(M2DSliceContainerScanInfo& info) const;
     virtual bool _ReadLayer(M2DSlice& slice) const;
     virtual ITarget2DSlices* _GetScanTarget() const { return nullptr; }
+    // The format's file, or null without a format.
+    MFile* _GetFile() const;
 
     std::wstring _path;
     bool _readVectors;
@@ -66,6 +69,17 @@ protected:
     mutable std::int64_t _readAheadMark = INT64_MAX;
     std::uint64_t _bufferSize;
 };
+
+namespace ZanSDK {
+namespace AM {
+namespace SliceIO {
+bool InitSliceStackFromSliceFile(unsigned short code, const std::wstring& path, M2DSliceStack& stack,
+                                 bool removeAtEnd);
+bool InitSliceStackFromSliceFile(std::shared_ptr<I2DSliceIO> io, const std::wstring& path, M2DSliceStack& stack,
+                                 bool removeAtEnd);
+} // namespace SliceIO
+} // namespace AM
+} // namespace ZanSDK
 
 // The iterator as the initial source of a stack, with the file as a temporary copy.
 class M2DSliceStackInitialSource : public M2DSliceContainerIterator
@@ -82,17 +96,8 @@ protected:
     ITarget2DSlices* _GetScanTarget() const override;
 
 private:
+    friend bool ZanSDK::AM::SliceIO::InitSliceStackFromSliceFile(std::shared_ptr<I2DSliceIO>, const std::wstring&,
+                                                                 M2DSliceStack&, bool);
     M2DSliceStack* _stack;
     M2DSliceTempFile* _tempFile = nullptr;
 };
-
-namespace ZanSDK {
-namespace AM {
-namespace SliceIO {
-bool InitSliceStackFromSliceFile(unsigned short code, const std::wstring& path, M2DSliceStack& stack,
-                                 bool removeAtEnd);
-bool InitSliceStackFromSliceFile(std::shared_ptr<I2DSliceIO> io, const std::wstring& path, M2DSliceStack& stack,
-                                 bool removeAtEnd);
-} // namespace SliceIO
-} // namespace AM
-} // namespace ZanSDK

@@ -1,0 +1,241 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <random>
+#include <thread>
+
+#include "TestSlices.h"
+#include "framework/M2DSliceContainerIO.h"
+#include "framework/M2DSliceContainerIterator.h"
+
+using namespace TestSlices;
+
+namespace {
+
+constexpr int kLayers = 40;
+
+// A binary CLI file of 40 layers, and the same file loaded whole as the reference.
+class M2DSliceContainerIteratorTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        std::vector<std::int32_t> heights;
+        for (int i = 0; i < kLayers; ++i)
+            heights.push_back(5000 + 2500 * i);
+        _written = MakeStack(heights);
+        _path = _dir.File("job.cli");
+        M2DSliceContainerIO driver(0);
+        ASSERT_TRUE(driver.WriteContainer(*_written, Wide(_path), MUnit::GetIE(), 100, nullptr));
+        ASSERT_TRUE(driver.ReadContainer(_reference, Wide(_path), true));
+        ASSERT_EQ(static_cast<std::uint64_t>(kLayers), _reference.GetNumSlices());
+    }
+
+    void ExpectSlice(const M2DSliceContainerIterator& it, std::uint64_t i)
+    {
+        M2DSlice slice;
+        it.GetSlice(slice, i);
+        ExpectSameSlice(*_reference.GetSlice(i), slice, "layer " + std::to_string(i));
+    }
+
+    ScratchDir _dir;
+    std::string _path;
+    std::unique_ptr<M2DSliceStack> _written;
+    M2DSliceStack _reference;
+};
+
+} // namespace
+
+TEST_F(M2DSliceContainerIteratorTest, ScanMeasuresEveryLayer)
+{
+    M2DSliceContainerIterator it(Wide(_path), 0, true, 0, true);
+    ASSERT_TRUE(it.IsValid());
+    ASSERT_EQ(static_cast<std::uint64_t>(kLayers), it.GetNumSlices());
+    EXPECT_EQ(-1, it.GetSliceThickness()); // whatever the file says
+    EXPECT_EQ(100, it.GetSliceParameters()->Resolution);
+
+    double area = 0.0;
+    double length = 0.0;
+    M2DSliceXYArea box;
+    for (std::uint64_t i = 0; i < it.GetNumSlices(); ++i)
+    {
+        const M2DSlice& ref = *_reference.GetSlice(i);
+        EXPECT_EQ(ref.GetZ(), it.GetSliceZPosition(i));
+        EXPECT_EQ(ref.GetXYArea(true), it.GetXYArea(i));
+        box.Extend(ref.GetXYArea(true));
+        const double side = 50000.0 + 1000.0 * static_cast<double>(i);
+        area += side * side;
+        length += 4.0 * side;
+    }
+    EXPECT_EQ(box, it.GetXYArea());
+    EXPECT_DOUBLE_EQ(area, it.GetTotalSurfaceArea());
+    EXPECT_DOUBLE_EQ(length, it.GetTotalContourLength());
+    EXPECT_EQ(static_cast<std::uint64_t>(kLayers), it.GetTotals().NumContours);
+    EXPECT_EQ(0u, it.GetTotals().NumVectorBlocks); // the scan asks the format to skip vectors
+
+    M2DSliceContainerIterator later(Wide(_path), 0, true, 0, false);
+    EXPECT_FALSE(later.IsValid());
+    EXPECT_EQ(0u, later.GetNumSlices());
+    EXPECT_TRUE(later._ScanFile());
+    EXPECT_TRUE(later._ScanFile()); // a second scan rebuilds the table instead of doubling it
+    EXPECT_TRUE(later.IsValid());
+    EXPECT_EQ(static_cast<std::uint64_t>(kLayers), later.GetNumSlices());
+    ExpectSlice(later, 7);
+}
+
+TEST_F(M2DSliceContainerIteratorTest, AnyAccessOrderGivesTheWholeFileLoad)
+{
+    // Buffers that hold the whole file, a few layers, and less than one layer.
+    for (std::uint64_t buffer : {0u, 300u, 48u})
+    {
+        SCOPED_TRACE(buffer);
+        M2DSliceContainerIterator it(Wide(_path), 0, true, buffer, true);
+        ASSERT_TRUE(it.IsValid());
+        for (std::uint64_t i = 0; i < kLayers; ++i)
+            ExpectSlice(it, i);
+        for (std::uint64_t i = kLayers; i-- > 0;)
+            ExpectSlice(it, i);
+        std::vector<std::uint64_t> order;
+        for (std::uint64_t i = 0; i < kLayers; ++i)
+            order.insert(order.end(), {i, i});
+        std::shuffle(order.begin(), order.end(), std::mt19937(1234));
+        for (std::uint64_t i : order)
+            ExpectSlice(it, i);
+    }
+}
+
+TEST_F(M2DSliceContainerIteratorTest, ReadingOnInOrderDoesNotSeek)
+{
+    auto format = std::make_shared<RecordingCli>();
+    M2DSliceContainerIterator it(Wide(_path), format, true, 0, true);
+    ASSERT_TRUE(it.IsValid());
+    const auto& table = it.GetLayerTable();
+    format->Seeks.clear();
+
+    M2DSlice slice;
+    for (std::uint64_t i = 0; i < 3; ++i)
+        it.GetSlice(slice, i);
+    EXPECT_EQ((std::vector<std::int64_t>{table[0].Position}), format->Seeks);
+
+    // Walking down: the first step back seeks to where a buffer ending with the layer
+    // would begin (the first layer, as the file is small), then to the layer; the next step
+    // lies inside that buffer and only seeks to its layer.
+    it.GetSlice(slice, 1);
+    it.GetSlice(slice, 0);
+    EXPECT_EQ((std::vector<std::int64_t>{table[0].Position, table[0].Position, table[1].Position, table[0].Position}),
+              format->Seeks);
+
+    // A layer larger than the buffer gets no read-ahead: only the seek to the layer.
+    format->Seeks.clear();
+    it.SetFileBufferSize(48);
+    it.GetSlice(slice, 5);
+    it.GetSlice(slice, 4);
+    EXPECT_EQ((std::vector<std::int64_t>{table[5].Position, table[4].Position}), format->Seeks);
+    ExpectSameSlice(*_reference.GetSlice(4), slice);
+}
+
+TEST_F(M2DSliceContainerIteratorTest, CopyReadsOnAnotherThread)
+{
+    M2DSliceContainerIterator it(Wide(_path), 0, true, 300, true);
+    ASSERT_TRUE(it.IsValid());
+    M2DSliceContainerIterator copy(it);
+    ASSERT_TRUE(copy.IsValid());
+    EXPECT_NE(it.GetSliceIO(), copy.GetSliceIO());
+    EXPECT_EQ(0, copy.GetSliceIO()->GetFileType());
+    EXPECT_EQ(it.GetNumSlices(), copy.GetNumSlices());
+
+    std::vector<M2DSlice> backward(kLayers);
+    std::thread other([&] {
+        for (std::uint64_t i = kLayers; i-- > 0;)
+            copy.GetSlice(backward[i], i);
+    });
+    std::vector<M2DSlice> forward(kLayers);
+    for (std::uint64_t i = 0; i < kLayers; ++i)
+        it.GetSlice(forward[i], i);
+    other.join();
+
+    for (std::uint64_t i = 0; i < kLayers; ++i)
+    {
+        ExpectSameSlice(*_reference.GetSlice(i), forward[i], "forward " + std::to_string(i));
+        ExpectSameSlice(*_reference.GetSlice(i), backward[i], "backward " + std::to_string(i));
+    }
+}
+
+TEST_F(M2DSliceContainerIteratorTest, BrokenFilesGiveEmptySlices)
+{
+    // A footer that fails makes the scan invalid, and then every slice is empty.
+    auto failing = std::make_shared<RecordingCli>();
+    failing->FailFooter = true;
+    M2DSliceContainerIterator invalid(Wide(_path), failing, true, 0, true);
+    EXPECT_FALSE(invalid.IsValid());
+    for (std::uint64_t i = 0; i < invalid.GetNumSlices(); ++i)
+    {
+        M2DSlice slice = MakeSquareSlice(1, 0, 0, 1000);
+        invalid.GetSlice(slice, i);
+        EXPECT_TRUE(slice.IsEmpty());
+    }
+    M2DSliceContainerIterator invalidCopy(invalid);
+    EXPECT_FALSE(invalidCopy.IsValid());
+
+    M2DSliceContainerIterator missing(_dir.WFile("missing.cli"), 0, true, 0, true);
+    EXPECT_FALSE(missing.IsValid());
+    EXPECT_EQ(0u, missing.GetNumSlices());
+    M2DSliceContainerIterator noFormat(Wide(_path), 7, true, 0, true);
+    EXPECT_FALSE(noFormat.IsValid());
+
+    // Truncated between the scan and the reads: the layers that are gone come back empty.
+    M2DSliceContainerIterator it(Wide(_path), 0, true, 64, true);
+    ASSERT_TRUE(it.IsValid());
+    const auto cut = static_cast<std::uintmax_t>(it.GetLayerTable()[20].Position);
+    std::filesystem::resize_file(_path, cut);
+    ExpectSlice(it, 3);
+    M2DSlice slice;
+    it.GetSlice(slice, 30);
+    EXPECT_TRUE(slice.IsEmpty());
+    it.GetSlice(slice, kLayers - 1);
+    EXPECT_TRUE(slice.IsEmpty());
+    // Deleted: whatever the reads give, they must not fail hard.
+    std::filesystem::remove(_path);
+    for (std::uint64_t i = kLayers; i-- > 0;)
+        it.GetSlice(slice, i);
+    it.GetSlice(slice, kLayers + 5);
+    EXPECT_TRUE(slice.IsEmpty());
+}
+
+TEST_F(M2DSliceContainerIteratorTest, FileWithoutLayersIsValidAndEmpty)
+{
+    const std::string path = _dir.File("nolayers.cli");
+    WriteFileBytes(path, "$$HEADERSTART\n$$BINARY\n$$UNITS/00000000.010000\n$$VERSION/200\n$$HEADEREND");
+    M2DSliceContainerIterator it(Wide(path), 0, true, 0, true);
+    EXPECT_TRUE(it.IsValid());
+    EXPECT_EQ(0u, it.GetNumSlices());
+    EXPECT_TRUE(it.GetXYArea().IsEmpty());
+    EXPECT_EQ(100, it.GetSliceParameters()->Resolution);
+    M2DSlice slice;
+    it.GetSlice(slice, 0);
+    EXPECT_TRUE(slice.IsEmpty());
+}
+
+TEST_F(M2DSliceContainerIteratorTest, InitSliceStackFromSliceFile)
+{
+    M2DSliceStack stack;
+    ASSERT_TRUE(ZanSDK::AM::SliceIO::InitSliceStackFromSliceFile(0, Wide(_path), stack, false));
+    ASSERT_EQ(static_cast<std::uint64_t>(kLayers), stack.GetNumSlices());
+    for (std::uint64_t i : {std::uint64_t{0}, std::uint64_t{kLayers - 1}, std::uint64_t{17}})
+        ExpectSameSlice(*_reference.GetSlice(i), *stack.GetSlice(i), "layer " + std::to_string(i));
+
+    // With removeAtEnd the file goes with the stack that owns its source.
+    const std::string temp = _dir.File("temp.cli");
+    std::filesystem::copy_file(_path, temp);
+    {
+        M2DSliceStack owner;
+        ASSERT_TRUE(ZanSDK::AM::SliceIO::InitSliceStackFromSliceFile(0, Wide(temp), owner, true));
+        ExpectSameSlice(*_reference.GetSlice(9), *owner.GetSlice(9));
+    }
+    EXPECT_FALSE(std::filesystem::exists(temp));
+
+    M2DSliceStack broken;
+    EXPECT_FALSE(ZanSDK::AM::SliceIO::InitSliceStackFromSliceFile(0, _dir.WFile("missing.cli"), broken, false));
+    EXPECT_EQ(0u, broken.GetNumSlices());
+}
