@@ -1,0 +1,359 @@
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "../../contracts/StringConversion.h"
+#include "M2DSliceIO_cli.h"
+
+namespace {
+
+// lround(x) narrowed to 32 bits, without a library call in the common case: x - trunc(x)
+// is exact, so comparing it with one half rounds halves away from zero exactly as lround.
+inline int Round(double x)
+{
+    if (!(std::fabs(x) < 4.0e18))
+        return static_cast<int>(std::lround(x));
+    std::int64_t i = static_cast<std::int64_t>(x);
+    const double fraction = x - static_cast<double>(i);
+    i += (fraction >= 0.5) - (fraction <= -0.5);
+    return static_cast<int>(i);
+}
+
+inline std::uint32_t Load32(const unsigned char* p)
+{
+    return std::uint32_t{p[0]} | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16 | std::uint32_t{p[3]} << 24;
+}
+
+inline float LoadFloat(const unsigned char* p)
+{
+    const std::uint32_t bits = Load32(p);
+    float f;
+    std::memcpy(&f, &bits, sizeof f);
+    return f;
+}
+
+inline unsigned LoadU16(const unsigned char* p) { return p[0] | unsigned{p[1]} << 8; }
+
+// The pieces of text between the separators; an empty text gives one empty piece.
+void Split(const std::string& text, char separator, std::vector<std::string>& pieces)
+{
+    pieces.clear();
+    std::size_t start = 0;
+    for (std::size_t end; (end = text.find(separator, start)) != std::string::npos; start = end + 1)
+        pieces.emplace_back(text, start, end - start);
+    pieces.emplace_back(text, start);
+}
+
+bool StartsWith(const std::string& text, const char* prefix)
+{
+    return text.compare(0, std::strlen(prefix), prefix) == 0;
+}
+
+// The number behind the "/" of a piece such as "$$POLYLINE/3".
+int IdOf(const std::string& piece) { return std::stoi(piece.substr(piece.find('/') + 1)); }
+
+} // namespace
+
+bool M2DSliceIO_cli::_ReadHeader(ITarget2DSlices* /*target*/)
+{
+    _file.REWIND();
+    if (!_file.SEARCH_STRING("$$HEADEREND", -1, true))
+        return false;
+    const std::int64_t h = _file.TELL();
+
+    _file.REWIND();
+    if (!_file.SEARCH_STRING("$$HEADERSTART", h, true))
+        return false;
+
+    _file.REWIND();
+    _isAscii = _file.SEARCH_STRING("$$ASCII", h, true);
+    if (!_isAscii)
+    {
+        _file.REWIND();
+        if (!_file.SEARCH_STRING("$$BINARY", h, true))
+            return false;
+    }
+
+    float units = 0.0f;
+    _file.REWIND();
+    if (!_file.SEARCH_STRING("$$UNITS/", h, true) || !_ReadTextValue(units))
+        return false;
+    _properties.InverseResolution = static_cast<std::int32_t>(std::lroundf(1.0f / units));
+
+    unsigned short version = 0; // required, neither kept nor checked
+    _file.REWIND();
+    if (!_file.SEARCH_STRING("$$VERSION/", h, true) || !_ReadTextValue(version))
+        return false;
+
+    _file.SEEK(h, 0);
+    if (_isAscii && _layerTexts.empty())
+    {
+        // Text layers are read from the whole file cut at each layer marker; the first piece
+        // is everything before the first layer.
+        std::ifstream stream(StringConversion::NativeToUtf8(_file.GET_PATH()), std::ios::binary);
+        const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+        static const std::string marker = "$$LAYER/";
+        std::size_t start = 0;
+        for (std::size_t end; (end = text.find(marker, start)) != std::string::npos; start = end + marker.size())
+            _layerTexts.emplace_back(text, start, end - start);
+        _layerTexts.emplace_back(text, start);
+        _layerTextIndex = 1;
+    }
+    return true;
+}
+
+bool M2DSliceIO_cli::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool readVectors)
+{
+    M2DSliceContainerScanInfo info;
+    {
+        MLayerReader reader(slice, info);
+        if (!_FetchLayer(reader, readVectors))
+            return false;
+    }
+    _ExtendSliceArea(slice, info.Area);
+    slice.SetZ(info.Z);
+    return true;
+}
+
+bool M2DSliceIO_cli::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool readVectors)
+{
+    MLayerScanner scanner(info);
+    return _FetchLayer(scanner, readVectors);
+}
+
+bool M2DSliceIO_cli::_ReadFooter(ITarget2DSlices* /*target*/) { return true; }
+
+bool M2DSliceIO_cli::_FetchLayer(ILayerInput& input, bool readVectors)
+{
+    const bool ok = _isAscii ? _FetchAsciiLayer(input) : _FetchBinaryLayer(input, readVectors);
+    // A chain of open polylines may still be under way at the end of the layer.
+    input.EndContour(false);
+    return ok;
+}
+
+bool M2DSliceIO_cli::_FetchBinaryLayer(ILayerInput& input, bool readVectors)
+{
+    unsigned short command = 0;
+    if (_file.ReadInt16(&command, 1) != 2)
+        return false;
+    double z;
+    if (command == LayerLong)
+    {
+        float value;
+        if (_file.ReadFloat(&value, 1) != 4)
+            return false;
+        _coordinatesType = Long;
+        z = value;
+    }
+    else if (command == LayerShort)
+    {
+        unsigned short value;
+        if (_file.ReadInt16(&value, 1) != 2)
+            return false;
+        _coordinatesType = Short;
+        z = value;
+    }
+    else
+        return false;
+    input.SetZ(Round(z * _GetConversionFactor()));
+    _contourStartX = _contourStartY = _lastEndX = _lastEndY = M2DSLICE_UNSET;
+
+    const std::int64_t fileSize = _file.GET_SIZE();
+    for (;;)
+    {
+        if (_file.ReadInt16(&command, 1) != 2)
+            return true; // the layer and the file end here
+        if (command == LayerLong || command == LayerShort)
+            return _file.SEEK(-2, 1); // the next layer begins
+        const bool isLong = command == PolylineLong || command == HatchesLong;
+        std::uint32_t id;
+        if (command < PolylineShort || command > HatchesLong || !_ReadField(isLong, id))
+            return false;
+        if (command == PolylineShort || command == PolylineLong)
+        {
+            if (!_ReadPolyline(input, isLong, fileSize))
+                return false;
+            if (M2DSliceVectorTypeInfo* label = input.GetContourTypeInfo())
+                label->SetIndex(e2DSliceVectorTypeIndex_Part, static_cast<std::int32_t>(id));
+        }
+        else
+        {
+            if (!_ReadHatches(input, isLong, readVectors, fileSize))
+                return false;
+            if (M2DSliceVectorTypeInfo* label = input.GetVectorBlockTypeInfo())
+                label->SetIndex(e2DSliceVectorTypeIndex_Part, static_cast<std::int32_t>(id));
+        }
+    }
+}
+
+bool M2DSliceIO_cli::_ReadField(bool isLong, std::uint32_t& value)
+{
+    if (isLong)
+    {
+        unsigned int field;
+        if (_file.ReadInt32(&field, 1) != 4)
+            return false;
+        value = field;
+        return true;
+    }
+    unsigned short field;
+    if (_file.ReadInt16(&field, 1) != 2)
+        return false;
+    value = field;
+    return true;
+}
+
+bool M2DSliceIO_cli::_FitsInFile(std::uint64_t bytes, std::int64_t fileSize) const
+{
+    const std::int64_t left = fileSize - _file.TELL();
+    return left >= 0 && bytes <= static_cast<std::uint64_t>(left);
+}
+
+// Reads count coordinates of the record into _coords, in internal units, after checking
+// that the file holds them. Should a read still come up short, each missing coordinate
+// keeps the value of the same coordinate stride places before it (0 for the first ones).
+bool M2DSliceIO_cli::_ReadCoordinates(std::size_t count, bool isLong, std::size_t stride, std::int64_t fileSize)
+{
+    const std::size_t width = isLong ? 4 : 2;
+    const std::size_t bytes = count * width;
+    if (!_FitsInFile(bytes, fileSize))
+        return false;
+    if (_buffer.size() < bytes)
+        _buffer.resize(bytes);
+    if (_coords.size() < count)
+        _coords.resize(count);
+    const std::size_t got = _file.ReadBytes(_buffer.data(), bytes) / width;
+    const auto* raw = reinterpret_cast<const unsigned char*>(_buffer.data());
+    int* out = _coords.data();
+    const double c = _GetConversionFactor();
+    if (isLong)
+        for (std::size_t i = 0; i < got; ++i)
+            out[i] = Round(LoadFloat(raw + 4 * i) * c);
+    else
+        for (std::size_t i = 0; i < got; ++i)
+            out[i] = Round(LoadU16(raw + 2 * i) * c);
+    for (std::size_t i = got; i < count; ++i)
+        out[i] = i >= stride ? out[i - stride] : 0;
+    return true;
+}
+
+bool M2DSliceIO_cli::_ReadPolyline(ILayerInput& input, bool isLong, std::int64_t fileSize)
+{
+    std::uint32_t dir, n;
+    if (!_ReadField(isLong, dir) || !_ReadField(isLong, n) || dir > 2 ||
+        !_ReadCoordinates(std::size_t{n} * 2, isLong, 2, fileSize))
+        return false;
+    const int* p = _coords.data();
+    if (dir < 2)
+    {
+        // A closed contour, stored in the opposite sense and with its first point repeated
+        // at the end; the repeat stays.
+        input.EndContour(true);
+        _lastEndX = _lastEndY = M2DSLICE_UNSET;
+        input.StartContour(e2DSliceVectorType_Border);
+        input.SetContourClosed(true);
+        input.SetContourOuter(dir == 1);
+        for (std::uint32_t i = 0; i < n; ++i)
+            input.AddContourPoint(p[2 * i], p[2 * i + 1]);
+        input.EndContour(true);
+        return true;
+    }
+
+    // Open lines chain: one that starts where the previous one ended carries on its
+    // contour, and a chain that comes back to its start closes.
+    if (n == 0)
+        return true;
+    if (p[0] != _lastEndX || p[1] != _lastEndY)
+    {
+        input.EndContour(true);
+        input.StartContour(e2DSliceVectorType_Border);
+        input.SetContourClosed(false);
+        input.SetContourOuter(false);
+        _contourStartX = p[0];
+        _contourStartY = p[1];
+        input.AddContourPoint(p[0], p[1]);
+    }
+    if (n == 1)
+        return true;
+    for (std::uint32_t i = 1; i + 1 < n; ++i)
+        input.AddContourPoint(p[2 * i], p[2 * i + 1]);
+    _lastEndX = p[2 * (n - 1)];
+    _lastEndY = p[2 * (n - 1) + 1];
+    if (_lastEndX == _contourStartX && _lastEndY == _contourStartY)
+        input.SetContourClosed(true);
+    else
+        input.AddContourPoint(_lastEndX, _lastEndY);
+    return true;
+}
+
+bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, bool readVectors, std::int64_t fileSize)
+{
+    std::uint32_t n;
+    if (!_ReadField(isLong, n))
+        return false;
+    const std::size_t count = std::size_t{n} * 4;
+    if (!readVectors)
+    {
+        const std::uint64_t bytes = count * (isLong ? 4 : 2);
+        return _FitsInFile(bytes, fileSize) && _file.SEEK(static_cast<std::int64_t>(bytes), 1);
+    }
+    if (!_ReadCoordinates(count, isLong, 4, fileSize))
+        return false;
+    input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Hatch), 0);
+    const int* p = _coords.data();
+    for (std::size_t i = 0; i < count; i += 4)
+        input.AddVector(M2DSliceVector(p[i], p[i + 1], p[i + 2], p[i + 3]));
+    return true;
+}
+
+bool M2DSliceIO_cli::_FetchAsciiLayer(ILayerInput& input)
+{
+    if (_layerTextIndex >= _layerTexts.size())
+        return false;
+    const double c = _GetConversionFactor();
+    std::vector<std::string> lines, pieces;
+    Split(_layerTexts[_layerTextIndex], '\n', lines);
+    input.SetZ(Round(std::stod(lines[0]) * c));
+    for (std::size_t l = 1; l < lines.size(); ++l)
+    {
+        const std::string& line = lines[l];
+        if (line.size() > 10 && StartsWith(line, "$$POLYLINE/"))
+        {
+            Split(line, ',', pieces);
+            const int id = IdOf(pieces.at(0));
+            const int dir = std::stoi(pieces.at(1));
+            const int n = std::stoi(pieces.at(2));
+            input.StartContour(e2DSliceVectorType_Border);
+            input.SetContourClosed(dir != 2);
+            input.SetContourOuter(dir == 1);
+            for (int i = 0; i < n; ++i)
+            {
+                const double x = std::stod(pieces.at(3 + 2 * std::size_t(i)));
+                const double y = std::stod(pieces.at(4 + 2 * std::size_t(i)));
+                input.AddContourPoint(Round(x * c), Round(y * c));
+            }
+            input.EndContour(true);
+            if (M2DSliceVectorTypeInfo* label = input.GetContourTypeInfo())
+                label->SetIndex(e2DSliceVectorTypeIndex_Part, id);
+        }
+        else if (line.size() > 9 && StartsWith(line, "$$HATCHES/"))
+        {
+            Split(line, ',', pieces);
+            const int id = IdOf(pieces.at(0));
+            const int n = std::stoi(pieces.at(1));
+            input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Hatch), 0);
+            for (int i = 0; i < n; ++i)
+            {
+                int v[4];
+                for (std::size_t k = 0; k < 4; ++k)
+                    v[k] = Round(std::stod(pieces.at(2 + 4 * std::size_t(i) + k)) * c);
+                input.AddVector(M2DSliceVector(v[0], v[1], v[2], v[3]));
+            }
+            if (M2DSliceVectorTypeInfo* label = input.GetVectorBlockTypeInfo())
+                label->SetIndex(e2DSliceVectorTypeIndex_Part, id);
+        }
+    }
+    ++_layerTextIndex;
+    return true;
+}
