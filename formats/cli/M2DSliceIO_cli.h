@@ -43,6 +43,10 @@ public:
     bool IsAscii() const { return _isAscii; }
 
 protected:
+    // An ASCII file is read from its layer texts in memory: its position is the index of the
+    // next layer text, so that a lazy reader can note layers and come back to them.
+    std::int64_t _TellFilePos() override;
+    bool _SeekFilePos(std::int64_t position) override;
     bool _OpenFile(const std::wstring& path, MOpenMode mode) override;
     bool _CloseFile() override;
     bool _WriteHeader(const std::vector<const ISource2DSlices*>& sources) override;

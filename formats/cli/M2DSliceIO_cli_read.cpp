@@ -357,3 +357,18 @@ bool M2DSliceIO_cli::_FetchAsciiLayer(ILayerInput& input)
     ++_layerTextIndex;
     return true;
 }
+
+std::int64_t M2DSliceIO_cli::_TellFilePos()
+{
+    return _isAscii ? static_cast<std::int64_t>(_layerTextIndex) : I2DSliceIO::_TellFilePos();
+}
+
+bool M2DSliceIO_cli::_SeekFilePos(std::int64_t position)
+{
+    if (!_isAscii)
+        return I2DSliceIO::_SeekFilePos(position);
+    if (position < 0 || static_cast<std::uint64_t>(position) > _layerTexts.size())
+        return false;
+    _layerTextIndex = static_cast<std::uint64_t>(position);
+    return true;
+}
