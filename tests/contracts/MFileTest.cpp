@@ -133,6 +133,31 @@ TEST_F(MFileTest, SeeksAndShortReadsWithATinyBuffer)
     EXPECT_TRUE(f.CLOSE());
 }
 
+// A reader walking backwards seeks ahead of a layer, then onto it: the first seek anchors the
+// buffer, so that the bytes between both seeks stay readable from one load.
+TEST_F(MFileTest, SeekAnchorServesTheBytesBetweenTwoSeeks)
+{
+    std::string data = Digits(100);
+    Spit(path, data);
+    MFile f(16);
+    ASSERT_TRUE(f.OPEN_READ(path.c_str()));
+    ASSERT_TRUE(f.SEEK(40, 0));
+    ASSERT_TRUE(f.SEEK(50, 0)); // within 16 bytes of the anchor
+    EXPECT_EQ(f.TELL(), 50);
+    EXPECT_EQ(f.GETC(), '0');
+    ASSERT_TRUE(f.SEEK(41, 0)); // back into the anchored buffer
+    EXPECT_EQ(f.GETC(), '1');
+    ASSERT_TRUE(f.SEEK(55, 0));
+    char rest[10];
+    EXPECT_EQ(f.ReadBytes(rest, sizeof rest), 10u);
+    EXPECT_EQ(std::string(rest, 10), data.substr(55, 10));
+    ASSERT_TRUE(f.SEEK(98, 0)); // an anchor near the end reads short and cleanly
+    ASSERT_TRUE(f.SEEK(99, 0));
+    EXPECT_EQ(f.GETC(), '9');
+    EXPECT_EQ(f.GETC(), -1);
+    EXPECT_EQ(f.GET_ERROR(), 0);
+}
+
 TEST_F(MFileTest, MixedReadingAndWritingStayConsistent)
 {
     Spit(path, Digits(40));
