@@ -1,0 +1,240 @@
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+
+#include <fmt/format.h>
+
+#include "../../contracts/MUnit.h"
+#include "../../framework/M2DSliceContainerIterator.h"
+#include "Tool.h"
+
+namespace sliceio {
+
+namespace {
+
+double Millimetres(double internal)
+{
+    return internal / MUnit::GetIE();
+}
+
+double SquareMillimetres(double internal)
+{
+    return internal / (static_cast<double>(MUnit::GetIE()) * MUnit::GetIE());
+}
+
+// The file's own layer thickness where the format records one; otherwise the median
+// distance between consecutive heights, which a few uneven steps do not disturb. Negative
+// when there is nothing to measure. A single layer has no thickness, whatever a header
+// may have derived for it.
+double LayerThickness(const M2DSliceContainerIterator& it)
+{
+    const auto& table = it.GetLayerTable();
+    if (table.size() < 2)
+        return -1;
+    if (it.GetSliceParameters()->LayerThickness > 0)
+        return it.GetSliceParameters()->LayerThickness;
+    std::vector<std::int64_t> steps;
+    for (std::size_t i = 1; i < table.size(); ++i)
+    {
+        const std::int64_t step = static_cast<std::int64_t>(table[i].Info.Z) - table[i - 1].Info.Z;
+        if (step > 0)
+            steps.push_back(step);
+    }
+    if (steps.empty())
+        return -1;
+    std::nth_element(steps.begin(), steps.begin() + steps.size() / 2, steps.end());
+    return static_cast<double>(steps[steps.size() / 2]);
+}
+
+// The iterator scans without vectors, which formats may then skip; this one reads them so
+// that the scan counts the vector blocks too.
+class VectorScanningIterator : public M2DSliceContainerIterator
+{
+public:
+    VectorScanningIterator(const std::string& path, short code)
+        : M2DSliceContainerIterator(WidePath(path), static_cast<unsigned short>(code), true, 0, false)
+    {
+        _ScanFile(); // here, not in the base constructor, so that the override below is used
+    }
+
+protected:
+    bool _ScanLayer(M2DSliceContainerScanInfo& info) const override { return _io->ScanLayer(info, nullptr, true); }
+};
+
+struct Heights
+{
+    bool Present = false;
+    double Min = 0, Max = 0; // millimetres
+};
+
+// Lowest and highest height of the file, whatever the order of its layers.
+Heights HeightRange(const M2DSliceContainerIterator& it)
+{
+    Heights z;
+    for (const auto& entry : it.GetLayerTable())
+    {
+        const double height = Millimetres(entry.Info.Z);
+        z.Min = z.Present ? std::min(z.Min, height) : height;
+        z.Max = z.Present ? std::max(z.Max, height) : height;
+        z.Present = true;
+    }
+    return z;
+}
+
+std::string JsonString(const std::string& text)
+{
+    std::string out = "\"";
+    for (const char c : text)
+    {
+        if (c == '"' || c == '\\')
+            out += {'\\', c};
+        else if (static_cast<unsigned char>(c) < 0x20)
+            out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
+        else
+            out += c;
+    }
+    return out + "\"";
+}
+
+// "%.6f" in the C locale; null for a value that is not there or not finite.
+std::string JsonNumber(double value, bool present = true)
+{
+    return present && std::isfinite(value) ? Fixed(value, 6) : "null";
+}
+
+// Text cells: four decimals, exact for internal units; "-" when there is no value.
+std::string Cell(double value, bool present = true)
+{
+    return present ? Fixed(value, 4) : "-";
+}
+
+struct Extents
+{
+    bool Present;
+    double XMin, XMax, YMin, YMax;
+};
+
+Extents ToExtents(const M2DSliceXYArea& area)
+{
+    return {!area.IsEmpty(), Millimetres(area.XMin), Millimetres(area.XMax), Millimetres(area.YMin),
+            Millimetres(area.YMax)};
+}
+
+std::string JsonExtents(const Extents& e)
+{
+    return fmt::format("\"x_min_mm\": {}, \"x_max_mm\": {}, \"y_min_mm\": {}, \"y_max_mm\": {}",
+                       JsonNumber(e.XMin, e.Present), JsonNumber(e.XMax, e.Present), JsonNumber(e.YMin, e.Present),
+                       JsonNumber(e.YMax, e.Present));
+}
+
+std::string Json(const std::string& path, const InputFormat& format, const M2DSliceContainerIterator& it,
+                 bool layerTable)
+{
+    const auto& table = it.GetLayerTable();
+    const M2DSliceContainerScanInfo& totals = it.GetTotals();
+    const Heights z = HeightRange(it);
+    const double thickness = LayerThickness(it);
+
+    std::string out = "{\n";
+    out += fmt::format("  \"file\": {},\n", JsonString(path));
+    out += fmt::format("  \"format\": {},\n", JsonString(format.Name));
+    out += fmt::format("  \"type_code\": {},\n", format.Code);
+    out += fmt::format("  \"layers\": {},\n", table.size());
+    out += fmt::format("  \"z_min_mm\": {},\n", JsonNumber(z.Min, z.Present));
+    out += fmt::format("  \"z_max_mm\": {},\n", JsonNumber(z.Max, z.Present));
+    out += fmt::format("  \"layer_thickness_mm\": {},\n", JsonNumber(Millimetres(thickness), thickness > 0));
+    out += "  " + JsonExtents(ToExtents(totals.Area)) + ",\n";
+    out += fmt::format("  \"contours\": {},\n", totals.NumContours);
+    out += fmt::format("  \"vector_blocks\": {},\n", totals.NumVectorBlocks);
+    out += fmt::format("  \"contour_length_mm\": {},\n", JsonNumber(Millimetres(totals.ContourLength)));
+    out += fmt::format("  \"surface_area_mm2\": {}", JsonNumber(SquareMillimetres(totals.SurfaceArea)));
+    if (layerTable)
+    {
+        out += ",\n  \"layer_table\": [";
+        for (std::size_t i = 0; i < table.size(); ++i)
+        {
+            const M2DSliceContainerScanInfo& info = table[i].Info;
+            out += fmt::format(
+                "{}\n    {{\"index\": {}, \"z_mm\": {}, \"contours\": {}, \"vector_blocks\": {}, "
+                "\"contour_length_mm\": {}, \"surface_area_mm2\": {}, {}}}",
+                i == 0 ? "" : ",", i, JsonNumber(Millimetres(info.Z)), info.NumContours, info.NumVectorBlocks,
+                JsonNumber(Millimetres(info.ContourLength)), JsonNumber(SquareMillimetres(info.SurfaceArea)),
+                JsonExtents(ToExtents(info.Area)));
+        }
+        out += table.empty() ? "]" : "\n  ]";
+    }
+    return out + "\n}\n";
+}
+
+std::string Text(const std::string& path, const InputFormat& format, const M2DSliceContainerIterator& it,
+                 bool layerTable)
+{
+    const auto& table = it.GetLayerTable();
+    const M2DSliceContainerScanInfo& totals = it.GetTotals();
+    const Heights z = HeightRange(it);
+    const double thickness = LayerThickness(it);
+    const Extents e = ToExtents(totals.Area);
+
+    std::string out;
+    const auto line = [&out](const char* key, const std::string& value) { out += fmt::format("{:<18}{}\n", key, value); };
+    line("file:", path);
+    line("format:", fmt::format("{} (code {})", format.Name, format.Code));
+    line("layers:", std::to_string(table.size()));
+    line("lowest height:", Cell(z.Min, z.Present) + " mm");
+    line("highest height:", Cell(z.Max, z.Present) + " mm");
+    line("layer thickness:", Cell(Millimetres(thickness), thickness > 0) + " mm");
+    line("x extent:", Cell(e.XMin, e.Present) + " .. " + Cell(e.XMax, e.Present) + " mm");
+    line("y extent:", Cell(e.YMin, e.Present) + " .. " + Cell(e.YMax, e.Present) + " mm");
+    line("contours:", std::to_string(totals.NumContours));
+    line("vector blocks:", std::to_string(totals.NumVectorBlocks));
+    line("contour length:", Cell(Millimetres(totals.ContourLength)) + " mm");
+    line("surface area:", Cell(SquareMillimetres(totals.SurfaceArea)) + " mm^2");
+    if (layerTable)
+    {
+        out += fmt::format("\n{:>7} {:>12} {:>9} {:>9} {:>14} {:>14} {:>11} {:>11} {:>11} {:>11}\n", "layer", "z_mm",
+                           "contours", "blocks", "length_mm", "area_mm2", "x_min_mm", "x_max_mm", "y_min_mm",
+                           "y_max_mm");
+        for (std::size_t i = 0; i < table.size(); ++i)
+        {
+            const M2DSliceContainerScanInfo& info = table[i].Info;
+            const Extents le = ToExtents(info.Area);
+            out += fmt::format("{:>7} {:>12} {:>9} {:>9} {:>14} {:>14} {:>11} {:>11} {:>11} {:>11}\n", i,
+                               Cell(Millimetres(info.Z)), info.NumContours, info.NumVectorBlocks,
+                               Cell(Millimetres(info.ContourLength)), Cell(SquareMillimetres(info.SurfaceArea)),
+                               Cell(le.XMin, le.Present), Cell(le.XMax, le.Present), Cell(le.YMin, le.Present),
+                               Cell(le.YMax, le.Present));
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+int RunInfo(const std::vector<std::string>& words)
+{
+    const Arguments args(words, {"--type"}, {"--layers", "--json"});
+    args.ExpectPositional(1, "FILE");
+    const std::string& path = args.Positional(0);
+    CheckInputFile(path);
+    const InputFormat format = ResolveInputFormat(path, args.Value("--type"));
+
+    std::unique_ptr<M2DSliceContainerIterator> it;
+    try
+    {
+        it = std::make_unique<VectorScanningIterator>(path, format.Code);
+    }
+    catch (const std::exception& e)
+    {
+        throw Failure(DescribeReadFailure(format, path, e.what()));
+    }
+    if (!it->IsValid())
+        throw Failure(DescribeReadFailure(format, path, ""));
+
+    const std::string out = args.Flag("--json") ? Json(path, format, *it, args.Flag("--layers"))
+                                                : Text(path, format, *it, args.Flag("--layers"));
+    std::fwrite(out.data(), 1, out.size(), stdout);
+    return 0;
+}
+
+} // namespace sliceio
