@@ -21,201 +21,23 @@ std::uint64_t M2DSliceContourLayer::GetTotalNumPoints() const
     return n;
 }
 
-// ---------------------------------------------------------------- block lists
-
-namespace {
-
-template <class Block>
-void DeleteBlocks(std::vector<Block*>& blocks)
-{
-    for (Block* b : blocks)
-        delete b;
-    blocks.clear();
-}
-
-template <class Block>
-bool EraseBlock(std::vector<Block*>& blocks, Block* block)
-{
-    // Readers remove the last block nearly always: search from the end.
-    for (std::size_t i = blocks.size(); i > 0; --i)
-        if (blocks[i - 1] == block)
-        {
-            blocks.erase(blocks.begin() + static_cast<std::ptrdiff_t>(i - 1));
-            return true;
-        }
-    return false;
-}
-
-} // namespace
-
-M2DSliceVectorLayer::M2DSliceVectorLayer(const M2DSliceVectorLayer& other) { *this = other; }
-
-M2DSliceVectorLayer::M2DSliceVectorLayer(M2DSliceVectorLayer&& other) noexcept { Swap(other); }
-
-M2DSliceVectorLayer& M2DSliceVectorLayer::operator=(const M2DSliceVectorLayer& other)
-{
-    if (this == &other)
-        return *this;
-    MakeEmpty();
-    _blocks.reserve(other._blocks.size());
-    for (const M2DSliceVectorBlock* b : other._blocks)
-    {
-        auto* copy = new M2DSliceVectorBlock(*b);
-        _blocks.push_back(copy);
-    }
-    _Relink();
-    return *this;
-}
-
-M2DSliceVectorLayer& M2DSliceVectorLayer::operator=(M2DSliceVectorLayer&& other) noexcept
-{
-    if (this != &other)
-    {
-        MakeEmpty();
-        Swap(other);
-    }
-    return *this;
-}
-
-M2DSliceVectorLayer::~M2DSliceVectorLayer()
-{
-    MakeEmpty();
-    delete _spare;
-}
-
-void M2DSliceVectorLayer::Swap(M2DSliceVectorLayer& other) noexcept
-{
-    std::swap(_blocks, other._blocks);
-    std::swap(_spare, other._spare);
-}
-
-void M2DSliceVectorLayer::_Relink()
-{
-    for (std::size_t i = 0; i < _blocks.size(); ++i)
-        _blocks[i]->_next = i + 1 < _blocks.size() ? _blocks[i + 1] : nullptr;
-}
+// ---------------------------------------------------------------- block layers
 
 std::uint64_t M2DSliceVectorLayer::GetTotalNumVectors() const
 {
     std::uint64_t n = 0;
-    for (const M2DSliceVectorBlock* b : _blocks)
-        n += b->Vectors.size();
+    for (std::size_t i = 0; i < _list.Size(); ++i)
+        n += _list.At(i)->Vectors.size();
     return n;
-}
-
-M2DSliceVectorBlock* M2DSliceVectorLayer::AddVectorBlockAtEnd()
-{
-    M2DSliceVectorBlock* b = _spare;
-    _spare = nullptr;
-    if (!b)
-        b = new M2DSliceVectorBlock();
-    b->_next = nullptr;
-    if (!_blocks.empty())
-        _blocks.back()->_next = b;
-    _blocks.push_back(b);
-    return b;
-}
-
-void M2DSliceVectorLayer::RemoveVectorBlock(M2DSliceVectorBlock* block, bool release)
-{
-    if (!block || !EraseBlock(_blocks, block))
-        return;
-    _Relink();
-    if (!release && !_spare)
-    {
-        block->Vectors.clear();
-        block->SetTypeInfo(M2DSliceVectorTypeInfo());
-        block->_next = nullptr;
-        _spare = block;
-    }
-    else
-        delete block;
-}
-
-void M2DSliceVectorLayer::MakeEmpty() { DeleteBlocks(_blocks); }
-
-M2DSlicePointLayer::M2DSlicePointLayer(const M2DSlicePointLayer& other) { *this = other; }
-
-M2DSlicePointLayer::M2DSlicePointLayer(M2DSlicePointLayer&& other) noexcept { Swap(other); }
-
-M2DSlicePointLayer& M2DSlicePointLayer::operator=(const M2DSlicePointLayer& other)
-{
-    if (this == &other)
-        return *this;
-    MakeEmpty();
-    _blocks.reserve(other._blocks.size());
-    for (const M2DSlicePointBlock* b : other._blocks)
-        _blocks.push_back(new M2DSlicePointBlock(*b));
-    _Relink();
-    return *this;
-}
-
-M2DSlicePointLayer& M2DSlicePointLayer::operator=(M2DSlicePointLayer&& other) noexcept
-{
-    if (this != &other)
-    {
-        MakeEmpty();
-        Swap(other);
-    }
-    return *this;
-}
-
-M2DSlicePointLayer::~M2DSlicePointLayer()
-{
-    MakeEmpty();
-    delete _spare;
-}
-
-void M2DSlicePointLayer::Swap(M2DSlicePointLayer& other) noexcept
-{
-    std::swap(_blocks, other._blocks);
-    std::swap(_spare, other._spare);
-}
-
-void M2DSlicePointLayer::_Relink()
-{
-    for (std::size_t i = 0; i < _blocks.size(); ++i)
-        _blocks[i]->_next = i + 1 < _blocks.size() ? _blocks[i + 1] : nullptr;
 }
 
 std::uint64_t M2DSlicePointLayer::GetTotalNumPoints() const
 {
     std::uint64_t n = 0;
-    for (const M2DSlicePointBlock* b : _blocks)
-        n += b->Points.size();
+    for (std::size_t i = 0; i < _list.Size(); ++i)
+        n += _list.At(i)->Points.size();
     return n;
 }
-
-M2DSlicePointBlock* M2DSlicePointLayer::AddPointBlockAtEnd()
-{
-    M2DSlicePointBlock* b = _spare;
-    _spare = nullptr;
-    if (!b)
-        b = new M2DSlicePointBlock();
-    b->_next = nullptr;
-    if (!_blocks.empty())
-        _blocks.back()->_next = b;
-    _blocks.push_back(b);
-    return b;
-}
-
-void M2DSlicePointLayer::RemovePointBlock(M2DSlicePointBlock* block, bool release)
-{
-    if (!block || !EraseBlock(_blocks, block))
-        return;
-    _Relink();
-    if (!release && !_spare)
-    {
-        block->Points.clear();
-        block->SetTypeInfo(M2DSliceVectorTypeInfo());
-        block->_next = nullptr;
-        _spare = block;
-    }
-    else
-        delete block;
-}
-
-void M2DSlicePointLayer::MakeEmpty() { DeleteBlocks(_blocks); }
 
 // ---------------------------------------------------------------- slice
 

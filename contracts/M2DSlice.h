@@ -120,55 +120,83 @@ public:
     std::uint64_t GetTotalNumPoints() const;
 };
 
-// ---------------------------------------------------------------- vectors
+// ---------------------------------------------------------------- block lists
 
-class M2DSliceVectorBlock : public M2DSliceVectorTypeInfoHolder
+// The blocks of a vector or point layer: a singly linked list (each block knows its next),
+// also reachable by position so that counting and indexed access need no walk. Blocks are
+// owned; one removed block may be kept as a spare for the next AddAtEnd.
+template <class Block>
+class MBlockList
 {
 public:
-    M2DSliceVectorBlock* GetNextVectorBlock() const { return _next; }
-    std::size_t GetNumVectors() const { return Vectors.size(); }
+    MBlockList() = default;
+    MBlockList(const MBlockList& other) { _CopyFrom(other); }
+    MBlockList(MBlockList&& other) noexcept { Swap(other); }
+    MBlockList& operator=(const MBlockList& other)
+    {
+        if (this != &other)
+        {
+            MakeEmpty();
+            _CopyFrom(other);
+        }
+        return *this;
+    }
+    MBlockList& operator=(MBlockList&& other) noexcept
+    {
+        if (this != &other)
+        {
+            MakeEmpty();
+            Swap(other);
+        }
+        return *this;
+    }
+    ~MBlockList()
+    {
+        MakeEmpty();
+        delete _spare;
+    }
 
-    std::vector<M2DSliceVector> Vectors;
+    Block* First() const { return _blocks.empty() ? nullptr : _blocks.front(); }
+    Block* Last() const { return _blocks.empty() ? nullptr : _blocks.back(); }
+    Block* At(std::size_t i) const { return _blocks[i]; }
+    std::size_t Size() const { return _blocks.size(); }
 
-private:
-    friend class M2DSliceVectorLayer;
-    M2DSliceVectorBlock* _next = nullptr;
-};
+    Block* AddAtEnd()
+    {
+        Block* b = _spare ? _spare : new Block();
+        _spare = nullptr;
+        b->_next = nullptr;
+        if (!_blocks.empty())
+            _blocks.back()->_next = b;
+        _blocks.push_back(b);
+        return b;
+    }
 
-class M2DSliceComponentVectors
-{
-public:
-    virtual ~M2DSliceComponentVectors() = default;
-    virtual std::size_t GetNumVectorBlocks() const = 0;
-    virtual std::size_t GetNumVectors(std::size_t i) const = 0;
-};
-
-// A singly linked list of blocks, also reachable by position.
-class M2DSliceVectorLayer : public M2DSliceComponentVectors
-{
-public:
-    M2DSliceVectorLayer() = default;
-    M2DSliceVectorLayer(const M2DSliceVectorLayer& other);
-    M2DSliceVectorLayer(M2DSliceVectorLayer&& other) noexcept;
-    M2DSliceVectorLayer& operator=(const M2DSliceVectorLayer& other);
-    M2DSliceVectorLayer& operator=(M2DSliceVectorLayer&& other) noexcept;
-    ~M2DSliceVectorLayer() override;
-
-    M2DSliceVectorBlock* GetFirstVectorBlock() const { return _blocks.empty() ? nullptr : _blocks.front(); }
-    M2DSliceVectorBlock* GetLastVectorBlock() const { return _blocks.empty() ? nullptr : _blocks.back(); }
-    M2DSliceVectorBlock* GetVectorBlock(std::size_t i) const { return _blocks[i]; }
-    std::size_t GetNumVectorBlocks() const override { return _blocks.size(); }
-    std::size_t GetNumVectors(std::size_t i) const override { return _blocks[i]->Vectors.size(); }
-    std::uint64_t GetTotalNumVectors() const;
-
-    M2DSliceVectorBlock* AddVectorBlockAtEnd();
     // Takes the block out and destroys it. With release false the emptied block (and the
-    // capacity of its vector storage) is kept for the next AddVectorBlockAtEnd.
-    void RemoveVectorBlock(M2DSliceVectorBlock* block, bool release);
+    // capacity of its storage) is kept for the next AddAtEnd.
+    void Remove(Block* block, bool release)
+    {
+        // Readers remove the last block nearly always: search from the end.
+        std::size_t i = _blocks.size();
+        while (i > 0 && _blocks[i - 1] != block)
+            --i;
+        if (!block || i == 0)
+            return;
+        _blocks.erase(_blocks.begin() + static_cast<std::ptrdiff_t>(i - 1));
+        _Relink();
+        if (!release && !_spare)
+        {
+            block->Reset();
+            _spare = block;
+        }
+        else
+            delete block;
+    }
+
     // Visits the blocks in order and destroys those for which remove(block) is true, in one
     // pass: removing many blocks one by one would cost a search and a shift each.
     template <class F>
-    void RemoveVectorBlocksIf(F remove)
+    void RemoveIf(F remove)
     {
         std::size_t kept = 0;
         std::size_t i = 0;
@@ -194,13 +222,108 @@ public:
         _blocks.resize(kept);
         _Relink();
     }
-    void MakeEmpty();
-    void Swap(M2DSliceVectorLayer& other) noexcept;
+
+    void MakeEmpty()
+    {
+        for (Block* b : _blocks)
+            delete b;
+        _blocks.clear();
+    }
+
+    void Swap(MBlockList& other) noexcept
+    {
+        std::swap(_blocks, other._blocks);
+        std::swap(_spare, other._spare);
+    }
 
 private:
-    void _Relink();
-    std::vector<M2DSliceVectorBlock*> _blocks;
-    M2DSliceVectorBlock* _spare = nullptr;
+    void _CopyFrom(const MBlockList& other)
+    {
+        _blocks.reserve(other._blocks.size());
+        for (const Block* b : other._blocks)
+            _blocks.push_back(new Block(*b));
+        _Relink();
+    }
+    void _Relink()
+    {
+        for (std::size_t i = 0; i < _blocks.size(); ++i)
+            _blocks[i]->_next = i + 1 < _blocks.size() ? _blocks[i + 1] : nullptr;
+    }
+
+    std::vector<Block*> _blocks;
+    Block* _spare = nullptr;
+};
+
+// ---------------------------------------------------------------- vectors
+
+class M2DSliceVectorBlock : public M2DSliceVectorTypeInfoHolder
+{
+public:
+    M2DSliceVectorBlock() = default;
+    M2DSliceVectorBlock(const M2DSliceVectorBlock& other) : M2DSliceVectorTypeInfoHolder(other), Vectors(other.Vectors) {}
+    // Assignment takes label and vectors; the block keeps its place in its list.
+    M2DSliceVectorBlock& operator=(const M2DSliceVectorBlock& other)
+    {
+        _typeInfo = other._typeInfo;
+        Vectors = other.Vectors;
+        return *this;
+    }
+    M2DSliceVectorBlock& operator=(M2DSliceVectorBlock&& other) noexcept
+    {
+        _typeInfo = std::move(other._typeInfo);
+        Vectors = std::move(other.Vectors);
+        return *this;
+    }
+    // Empties the block and its label; the vector storage keeps its capacity.
+    void Reset()
+    {
+        _typeInfo = M2DSliceVectorTypeInfo();
+        Vectors.clear();
+    }
+
+    M2DSliceVectorBlock* GetNextVectorBlock() const { return _next; }
+    std::size_t GetNumVectors() const { return Vectors.size(); }
+
+    std::vector<M2DSliceVector> Vectors;
+
+private:
+    friend class MBlockList<M2DSliceVectorBlock>;
+    M2DSliceVectorBlock* _next = nullptr;
+};
+
+class M2DSliceComponentVectors
+{
+public:
+    virtual ~M2DSliceComponentVectors() = default;
+    virtual std::size_t GetNumVectorBlocks() const = 0;
+    virtual std::size_t GetNumVectors(std::size_t i) const = 0;
+};
+
+class M2DSliceVectorLayer : public M2DSliceComponentVectors
+{
+public:
+    M2DSliceVectorBlock* GetFirstVectorBlock() const { return _list.First(); }
+    M2DSliceVectorBlock* GetLastVectorBlock() const { return _list.Last(); }
+    M2DSliceVectorBlock* GetVectorBlock(std::size_t i) const { return _list.At(i); }
+    std::size_t GetNumVectorBlocks() const override { return _list.Size(); }
+    std::size_t GetNumVectors(std::size_t i) const override { return _list.At(i)->Vectors.size(); }
+    std::uint64_t GetTotalNumVectors() const;
+
+    M2DSliceVectorBlock* AddVectorBlockAtEnd() { return _list.AddAtEnd(); }
+    // Takes the block out and destroys it. With release false the emptied block (and the
+    // capacity of its vector storage) is kept for the next AddVectorBlockAtEnd.
+    void RemoveVectorBlock(M2DSliceVectorBlock* block, bool release) { _list.Remove(block, release); }
+    // One-pass removal of the blocks for which remove(block) is true.
+    template <class F>
+    void RemoveVectorBlocksIf(F remove)
+    {
+        _list.RemoveIf(remove);
+    }
+    void MakeEmpty() { _list.MakeEmpty(); }
+    void Swap(M2DSliceVectorLayer& other) noexcept { _list.Swap(other._list); }
+
+private:
+    MBlockList<M2DSliceVectorBlock> _list;
 };
 
 // ---------------------------------------------------------------- points
@@ -208,40 +331,52 @@ private:
 class M2DSlicePointBlock : public M2DSliceVectorTypeInfoHolder
 {
 public:
+    M2DSlicePointBlock() = default;
+    M2DSlicePointBlock(const M2DSlicePointBlock& other) : M2DSliceVectorTypeInfoHolder(other), Points(other.Points) {}
+    // Assignment takes label and points; the block keeps its place in its list.
+    M2DSlicePointBlock& operator=(const M2DSlicePointBlock& other)
+    {
+        _typeInfo = other._typeInfo;
+        Points = other.Points;
+        return *this;
+    }
+    M2DSlicePointBlock& operator=(M2DSlicePointBlock&& other) noexcept
+    {
+        _typeInfo = std::move(other._typeInfo);
+        Points = std::move(other.Points);
+        return *this;
+    }
+    void Reset()
+    {
+        _typeInfo = M2DSliceVectorTypeInfo();
+        Points.clear();
+    }
+
     M2DSlicePointBlock* GetNextPointBlock() const { return _next; }
     MBlockArray<M2DSlicePoint, 1024> Points;
 
 private:
-    friend class M2DSlicePointLayer;
+    friend class MBlockList<M2DSlicePointBlock>;
     M2DSlicePointBlock* _next = nullptr;
 };
 
 class M2DSlicePointLayer
 {
 public:
-    M2DSlicePointLayer() = default;
-    M2DSlicePointLayer(const M2DSlicePointLayer& other);
-    M2DSlicePointLayer(M2DSlicePointLayer&& other) noexcept;
-    M2DSlicePointLayer& operator=(const M2DSlicePointLayer& other);
-    M2DSlicePointLayer& operator=(M2DSlicePointLayer&& other) noexcept;
-    ~M2DSlicePointLayer();
-
-    M2DSlicePointBlock* GetFirstPointBlock() const { return _blocks.empty() ? nullptr : _blocks.front(); }
-    M2DSlicePointBlock* GetLastPointBlock() const { return _blocks.empty() ? nullptr : _blocks.back(); }
-    M2DSlicePointBlock* GetPointBlock(std::size_t i) const { return _blocks[i]; }
-    std::size_t GetNumPointBlocks() const { return _blocks.size(); }
+    M2DSlicePointBlock* GetFirstPointBlock() const { return _list.First(); }
+    M2DSlicePointBlock* GetLastPointBlock() const { return _list.Last(); }
+    M2DSlicePointBlock* GetPointBlock(std::size_t i) const { return _list.At(i); }
+    std::size_t GetNumPointBlocks() const { return _list.Size(); }
     std::uint64_t GetTotalNumPoints() const;
 
-    M2DSlicePointBlock* AddPointBlockAtEnd();
+    M2DSlicePointBlock* AddPointBlockAtEnd() { return _list.AddAtEnd(); }
     // Takes the block out and destroys it; release false keeps the emptied object for reuse.
-    void RemovePointBlock(M2DSlicePointBlock* block, bool release);
-    void MakeEmpty();
-    void Swap(M2DSlicePointLayer& other) noexcept;
+    void RemovePointBlock(M2DSlicePointBlock* block, bool release) { _list.Remove(block, release); }
+    void MakeEmpty() { _list.MakeEmpty(); }
+    void Swap(M2DSlicePointLayer& other) noexcept { _list.Swap(other._list); }
 
 private:
-    void _Relink();
-    std::vector<M2DSlicePointBlock*> _blocks;
-    M2DSlicePointBlock* _spare = nullptr;
+    MBlockList<M2DSlicePointBlock> _list;
 };
 
 // The vector blocks of a slice grouped by base kind, in the slice's order within a kind.
