@@ -158,8 +158,10 @@ bool M2DSliceVectorTypeInfo::HandleTag(const ZanSAX::ISAXReader& reader)
         while (in >> id)
             info.SetFlag(id, true);
     }
-    if (reader.GetAttribute("indexes", text))
-    {
+    // "id:value id:value ..." into one of the tag lists.
+    auto pairs = [&](const char* name, auto set) {
+        if (!reader.GetAttribute(name, text))
+            return true;
         std::istringstream in(text);
         std::string pair;
         while (in >> pair)
@@ -167,23 +169,15 @@ bool M2DSliceVectorTypeInfo::HandleTag(const ZanSAX::ISAXReader& reader)
             auto colon = pair.find(':');
             if (colon == std::string::npos)
                 return false;
-            info.SetIndex(static_cast<int>(std::strtol(pair.c_str(), nullptr, 10)),
-                          static_cast<std::int32_t>(std::strtol(pair.c_str() + colon + 1, nullptr, 10)));
+            set(static_cast<int>(std::strtol(pair.c_str(), nullptr, 10)), pair.c_str() + colon + 1);
         }
-    }
-    if (reader.GetAttribute("numbers", text))
-    {
-        std::istringstream in(text);
-        std::string pair;
-        while (in >> pair)
-        {
-            auto colon = pair.find(':');
-            if (colon == std::string::npos)
-                return false;
-            info.SetNumber(static_cast<int>(std::strtol(pair.c_str(), nullptr, 10)),
-                           std::strtod(pair.c_str() + colon + 1, nullptr));
-        }
-    }
+        return true;
+    };
+    if (!pairs("indexes", [&](int id, const char* v) {
+            info.SetIndex(id, static_cast<std::int32_t>(std::strtol(v, nullptr, 10)));
+        }) ||
+        !pairs("numbers", [&](int id, const char* v) { info.SetNumber(id, std::strtod(v, nullptr)); }))
+        return false;
     *this = std::move(info);
     return true;
 }
