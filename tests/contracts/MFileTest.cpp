@@ -1,29 +1,11 @@
-#include <gtest/gtest.h>
-
+// The buffered file: byte order, seeks and short reads around the buffer, mixed reading and
+// writing, text searches, and failures of the system.
 #include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
 
 #include "contracts/MFile.h"
-#include "contracts/StringConversion.h"
-#include "contracts/TemporaryDirectory.h"
+#include "tests/TestSupport.h"
 
 namespace {
-
-std::string Slurp(const std::wstring& path)
-{
-    std::ifstream in(StringConversion::NativeToUtf8(path), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void Spit(const std::wstring& path, const std::string& bytes)
-{
-    std::ofstream out(StringConversion::NativeToUtf8(path), std::ios::binary);
-    out << bytes;
-}
 
 std::string Digits(std::size_t n)
 {
@@ -36,8 +18,9 @@ std::string Digits(std::size_t n)
 class MFileTest : public ::testing::Test
 {
 protected:
-    ZanSDK::FileIO::FileSystem::TemporaryDirectory dir;
-    std::wstring path = dir.GetTemporaryFilePath();
+    ts::ScratchDir dir;
+    std::string file = dir.File("data.bin");
+    std::wstring path = ts::Wide(file);
 };
 
 TEST_F(MFileTest, EveryWidthIsWrittenLittleEndianAndReadBack)
@@ -62,12 +45,11 @@ TEST_F(MFileTest, EveryWidthIsWrittenLittleEndianAndReadBack)
     EXPECT_EQ(counts, (std::vector<std::size_t>{2, 2, 4, 4, 4, 8, 8, 8, 2, 1}));
     EXPECT_EQ(f.GET_SIZE(), 43); // pending bytes count
     ASSERT_TRUE(f.CLOSE());
-
     const unsigned char expected[] = {
         0xFE, 0xFF, 0x34, 0x12, 0x88, 0xA9, 0xCB, 0xED, 0xD4, 0xC3, 0xB2, 0xA1, 0x00, 0x00, 0xC0,
         0x3F, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03,
         0x02, 0x01, 0,    0,    0,    0,    0,    0,    0x00, 0xC0, 0xFE, 0x01, 0x01};
-    EXPECT_EQ(Slurp(path), std::string(reinterpret_cast<const char*>(expected), sizeof(expected)));
+    EXPECT_EQ(ts::ReadFile(file), std::string(reinterpret_cast<const char*>(expected), sizeof(expected)));
 
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
     short s2[2];
@@ -76,29 +58,20 @@ TEST_F(MFileTest, EveryWidthIsWrittenLittleEndianAndReadBack)
     std::int64_t l2[2];
     double d2;
     unsigned char uc2[3];
-    EXPECT_EQ(f.ReadInt16(s2, 2), 4u);
-    EXPECT_EQ(f.ReadInt32(i2, 2), 8u);
-    EXPECT_EQ(f.ReadFloat(&fl2, 1), 4u);
-    EXPECT_EQ(f.ReadInt64(l2, 2), 16u);
-    EXPECT_EQ(f.ReadDouble(&d2, 1), 8u);
-    EXPECT_EQ(f.READ(uc2, 3), 3u);
-    EXPECT_EQ(s2[0], s);
-    EXPECT_EQ(static_cast<unsigned short>(s2[1]), us);
-    EXPECT_EQ(i2[0], i);
-    EXPECT_EQ(static_cast<unsigned int>(i2[1]), ui);
-    EXPECT_EQ(fl2, fl);
-    EXPECT_EQ(l2[0], l);
-    EXPECT_EQ(static_cast<std::uint64_t>(l2[1]), ul);
-    EXPECT_EQ(d2, d);
-    EXPECT_EQ(uc2[2], 1);
+    counts = {f.ReadInt16(s2, 2), f.ReadInt32(i2, 2), f.ReadFloat(&fl2, 1), f.ReadInt64(l2, 2), f.ReadDouble(&d2, 1),
+              f.READ(uc2, 3)};
+    EXPECT_EQ(counts, (std::vector<std::size_t>{4, 8, 4, 16, 8, 3}));
+    EXPECT_EQ(std::make_tuple(s2[0], static_cast<unsigned short>(s2[1]), i2[0], static_cast<unsigned int>(i2[1])),
+              std::make_tuple(s, us, i, ui));
+    EXPECT_EQ(std::make_tuple(fl2, l2[0], static_cast<std::uint64_t>(l2[1]), d2, uc2[2]),
+              std::make_tuple(fl, l, ul, d, static_cast<unsigned char>(1)));
     EXPECT_TRUE(f.IS_EOF());
-    EXPECT_TRUE(f.CLOSE());
 }
 
 TEST_F(MFileTest, SeeksAndShortReadsWithATinyBuffer)
 {
-    std::string data = Digits(100);
-    Spit(path, data);
+    const std::string data = Digits(100);
+    ts::WriteFile(file, data);
     MFile f(16);
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
     EXPECT_EQ(f.GETC(), '0');
@@ -118,29 +91,21 @@ TEST_F(MFileTest, SeeksAndShortReadsWithATinyBuffer)
 
     // Short reads at the end: fixed-width reads count bytes, READ whole items; no error.
     int values[3];
+    char big[64];
     ASSERT_TRUE(f.SEEK(-10, 2));
     EXPECT_EQ(f.ReadInt32(values, 3), 10u);
     ASSERT_TRUE(f.SEEK(90, 0));
     EXPECT_EQ(f.READ(values, 3), 2u);
     ASSERT_TRUE(f.SEEK(96, 0));
-    char big[64];
     EXPECT_EQ(f.ReadBytes(big, sizeof(big)), 4u);
     EXPECT_EQ(f.GETC(), -1);
     EXPECT_TRUE(f.IS_EOF());
     ASSERT_TRUE(f.SEEK(200, 0)); // past the end: allowed, reads nothing
     EXPECT_EQ(f.READ(big, 1), 0u);
     EXPECT_EQ(f.GET_ERROR(), 0);
-    EXPECT_TRUE(f.CLOSE());
-}
 
-// A reader walking backwards seeks ahead of a layer, then onto it: the first seek anchors the
-// buffer, so that the bytes between both seeks stay readable from one load.
-TEST_F(MFileTest, SeekAnchorServesTheBytesBetweenTwoSeeks)
-{
-    std::string data = Digits(100);
-    Spit(path, data);
-    MFile f(16);
-    ASSERT_TRUE(f.OPEN_READ(path.c_str()));
+    // A reader walking backwards seeks ahead of a layer, then onto it: the first seek
+    // anchors the buffer, so that the bytes between both seeks stay readable from one load.
     ASSERT_TRUE(f.SEEK(40, 0));
     ASSERT_TRUE(f.SEEK(50, 0)); // within 16 bytes of the anchor
     EXPECT_EQ(f.TELL(), 50);
@@ -148,9 +113,8 @@ TEST_F(MFileTest, SeekAnchorServesTheBytesBetweenTwoSeeks)
     ASSERT_TRUE(f.SEEK(41, 0)); // back into the anchored buffer
     EXPECT_EQ(f.GETC(), '1');
     ASSERT_TRUE(f.SEEK(55, 0));
-    char rest[10];
-    EXPECT_EQ(f.ReadBytes(rest, sizeof rest), 10u);
-    EXPECT_EQ(std::string(rest, 10), data.substr(55, 10));
+    EXPECT_EQ(f.ReadBytes(big, 10), 10u);
+    EXPECT_EQ(std::string(big, 10), data.substr(55, 10));
     ASSERT_TRUE(f.SEEK(98, 0)); // an anchor near the end reads short and cleanly
     ASSERT_TRUE(f.SEEK(99, 0));
     EXPECT_EQ(f.GETC(), '9');
@@ -160,13 +124,12 @@ TEST_F(MFileTest, SeekAnchorServesTheBytesBetweenTwoSeeks)
 
 TEST_F(MFileTest, MixedReadingAndWritingStayConsistent)
 {
-    Spit(path, Digits(40));
+    ts::WriteFile(file, Digits(40));
     MFile f(16);
     ASSERT_TRUE(f.OPEN_UPDATE(path.c_str()));
-    EXPECT_EQ(f.TELL(), 0);
-    EXPECT_EQ(f.GETC(), '0'); // fills the read buffer
+    EXPECT_EQ(f.GETC(), '0');          // fills the read buffer
     ASSERT_TRUE(f.WRITE_STRING("AB")); // must not use stale buffered bytes afterwards
-    EXPECT_EQ(f.GETC(), '3'); // flushes first
+    EXPECT_EQ(f.GETC(), '3');          // flushes first
     ASSERT_TRUE(f.SEEK(0, 0));
     char head[4];
     ASSERT_EQ(f.ReadBytes(head, 4), 4u);
@@ -174,36 +137,35 @@ TEST_F(MFileTest, MixedReadingAndWritingStayConsistent)
     ASSERT_TRUE(f.SEEK(0, 2));
     ASSERT_TRUE(f.WRITE_STRING("z"));
     f.SET_BUFFER_SIZE(8); // flushes and keeps the position
-    EXPECT_EQ(Slurp(path).size(), 41u);
+    EXPECT_EQ(ts::ReadFile(file).size(), 41u);
     EXPECT_EQ(f.TELL(), 41);
-    std::string tail = std::string(29, 'x');
+    const std::string tail(29, 'x');
     EXPECT_EQ(f.WriteBytes(tail.data(), tail.size()), 29u); // bigger than the buffer
     EXPECT_TRUE(f.FPRINTF("%s|%d", std::string(2000, 'y').c_str(), 7)); // longer than the stack buffer
     EXPECT_EQ(f.GET_SIZE(), 40 + 30 + 2002);
     ASSERT_TRUE(f.CLOSE());
-    EXPECT_EQ(Slurp(path), "0AB3" + Digits(40).substr(4) + "z" + tail + std::string(2000, 'y') + "|7");
+    EXPECT_EQ(ts::ReadFile(file), "0AB3" + Digits(40).substr(4) + "z" + tail + std::string(2000, 'y') + "|7");
 
     ASSERT_TRUE(f.OPEN_APPEND(path.c_str()));
     EXPECT_EQ(f.TELL(), 2072);
-    ASSERT_TRUE(f.WRITE_STRING(std::string("!")));
-    ASSERT_TRUE(f.CLOSE());
+    ASSERT_TRUE(f.WRITE_STRING(std::string("!")) && f.CLOSE());
+    EXPECT_EQ(ts::ReadFile(file).back(), '!');
     ASSERT_TRUE(f.OPEN_WRITE(path.c_str())); // truncates
     EXPECT_EQ(f.GET_SIZE(), 0);
-    EXPECT_TRUE(f.CLOSE());
 }
 
 TEST_F(MFileTest, SearchString)
 {
     MFile f(16);
-    Spit(path, "");
+    ts::WriteFile(file, "");
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
     EXPECT_FALSE(f.SEARCH_STRING("$$HEADER", -1, true));
     EXPECT_TRUE(f.SEARCH_STRING("", -1, true));
     EXPECT_EQ(f.TELL(), 0);
 
-    //           0         1         2         3
-    //           0123456789012345678901234567890123456
-    Spit(path, "abc$$$$HEADERxyz..........$$DIM/12,34");
+    //                 0         1         2         3
+    //                 0123456789012345678901234567890123456
+    ts::WriteFile(file, "abc$$$$HEADERxyz..........$$DIM/12,34");
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
     // Overlapping prefix: "$$$HEADER" starts at 4, inside "$$$$".
     ASSERT_TRUE(f.SEARCH_STRING("$$$HEADER", -1, true));
@@ -224,28 +186,25 @@ TEST_F(MFileTest, SearchString)
     EXPECT_FALSE(f.SEARCH_STRING("$$DIM/", -1, true));
     EXPECT_EQ(f.TELL(), 37);
     EXPECT_EQ(f.GET_ERROR(), 0);
-    EXPECT_TRUE(f.CLOSE());
 }
 
 TEST_F(MFileTest, ReadStringUntil)
 {
-    Spit(path, "key=value\r\nab\rx\r\nlast");
+    ts::WriteFile(file, "key=value\r\nab\rx\r\nlast");
     MFile f(8);
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
+    // A partial stop text ("\r" then "x") is data; the limit stops with the rest unread; a
+    // stop text that begins before the limit is still recognised.
+    const std::tuple<const char*, std::size_t, bool, std::string> steps[] = {
+        {"=", 100, true, "key"}, {"\r\n", 100, true, "value"}, {"\r\n", 3, false, "ab\r"},
+        {"\r\n", 1, false, "x"}, {"\r\n", 1, true, ""}};
     std::string s;
-    EXPECT_TRUE(f.READ_STRING_UNTIL(s, "=", 100));
-    EXPECT_EQ(s, "key");
-    EXPECT_TRUE(f.READ_STRING_UNTIL(s, "\r\n", 100));
-    EXPECT_EQ(s, "value");
-    // A partial stop text ("\r" then "x") is data; the limit stops with the rest unread.
-    EXPECT_FALSE(f.READ_STRING_UNTIL(s, "\r\n", 3));
-    EXPECT_EQ(s, "ab\r");
-    EXPECT_EQ(f.TELL(), 14);
-    EXPECT_FALSE(f.READ_STRING_UNTIL(s, "\r\n", 1));
-    EXPECT_EQ(s, "x");
-    // A stop text that begins before the limit is still recognised.
-    EXPECT_TRUE(f.READ_STRING_UNTIL(s, "\r\n", 1));
-    EXPECT_EQ(s, "");
+    for (const auto& [stop, limit, found, text] : steps)
+    {
+        EXPECT_EQ(f.READ_STRING_UNTIL(s, stop, limit), found) << text;
+        EXPECT_EQ(s, text);
+    }
+    EXPECT_EQ(f.TELL(), 17);
     char buf[4];
     EXPECT_FALSE(f.READ_STRING_UNTIL(buf, "\r\n", sizeof(buf)));
     EXPECT_STREQ(buf, "las");
@@ -253,51 +212,30 @@ TEST_F(MFileTest, ReadStringUntil)
     EXPECT_STREQ(buf, "t");
     EXPECT_TRUE(f.IS_EOF());
     // A partial stop text at the end of the file is data.
-    Spit(path, "12\r");
+    ts::WriteFile(file, "12\r");
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
     EXPECT_FALSE(f.READ_STRING_UNTIL(s, "\r\n", 100));
     EXPECT_EQ(s, "12\r");
-    EXPECT_TRUE(f.CLOSE());
-}
-
-// The pattern of writers that fill in values known only at the end.
-TEST_F(MFileTest, UpdatePatchesAHeaderInPlace)
-{
-    std::string header = "$$HEADERSTART\n$$DIMENSION/0000000000\n$$HEADEREND";
-    std::string body(300, '\x01');
-    Spit(path, header + body);
-    MFile f(32);
-    ASSERT_TRUE(f.OPEN_UPDATE(path.c_str()));
-    f.REWIND();
-    ASSERT_TRUE(f.SEARCH_STRING("$$DIMENSION/", -1, true));
-    ASSERT_TRUE(f.WRITE_STRING("12.5,-3.25"));
-    ASSERT_TRUE(f.CLOSE());
-    std::string patched = Slurp(path);
-    EXPECT_EQ(patched.size(), header.size() + body.size());
-    EXPECT_EQ(patched, "$$HEADERSTART\n$$DIMENSION/12.5,-3.25\n$$HEADEREND" + body);
 }
 
 TEST_F(MFileTest, OsFailuresAreReported)
 {
     MFile f;
-    if (f.OPEN_WRITE(L"/dev/full"))
-    {
-        ASSERT_TRUE(f.WRITE_STRING("buffered"));
-        EXPECT_FALSE(f.FLUSH());
-        EXPECT_EQ(f.GET_ERROR(), ENOSPC);
-        EXPECT_FALSE(f.CLOSE());
-        EXPECT_EQ(f.GET_ERROR(), ENOSPC); // kept after close
-        ASSERT_TRUE(f.OPEN_WRITE(L"/dev/full"));
-        EXPECT_EQ(f.GET_ERROR(), 0); // reset by the next open
-        ASSERT_TRUE(f.WRITE_STRING("x"));
-        EXPECT_FALSE(f.CLOSE()); // never flushed before
-        EXPECT_NE(f.GET_ERROR(), 0);
-    }
+    ASSERT_TRUE(f.OPEN_WRITE(L"/dev/full"));
+    ASSERT_TRUE(f.WRITE_STRING("buffered"));
+    EXPECT_FALSE(f.FLUSH());
+    EXPECT_EQ(f.GET_ERROR(), ENOSPC);
+    EXPECT_FALSE(f.CLOSE());
+    EXPECT_EQ(f.GET_ERROR(), ENOSPC); // kept after close
+    ASSERT_TRUE(f.OPEN_WRITE(L"/dev/full"));
+    EXPECT_EQ(f.GET_ERROR(), 0); // reset by the next open
+    ASSERT_TRUE(f.WRITE_STRING("x"));
+    EXPECT_FALSE(f.CLOSE()); // never flushed before
+    EXPECT_NE(f.GET_ERROR(), 0);
 
-    std::wstring missing = dir.GetPath() + L"/no/such/dir/file.cli";
-    EXPECT_FALSE(f.OPEN_WRITE(missing.c_str()));
-    EXPECT_FALSE(f.OPEN_READ(missing.c_str()));
-    EXPECT_FALSE(f.OPEN_READ(dir.GetPath().c_str())); // a directory is no file
+    const std::wstring missing = dir.WFile("no/such/dir/file.cli");
+    EXPECT_FALSE(f.OPEN_WRITE(missing.c_str()) || f.OPEN_READ(missing.c_str()));
+    EXPECT_FALSE(f.OPEN_READ(ts::Wide(dir.Path().string()).c_str())); // a directory is no file
     EXPECT_FALSE(f.OPEN_READ(nullptr));
     // A closed file refuses everything without crashing; it counts as ended.
     char c;

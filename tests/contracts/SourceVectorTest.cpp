@@ -1,11 +1,10 @@
 // Sources: the defaults of ISource2DSlices and the joining of sources by M2DSliceSourceVector.
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <vector>
 
 #include "contracts/M2DSliceSource.h"
 #include "contracts/PersistentProperties.h"
+#include "tests/TestSupport.h"
 
 namespace {
 
@@ -24,7 +23,6 @@ public:
             Slices.push_back(slice);
         }
     }
-
     std::vector<std::shared_ptr<M2DSlice>> Slices;
     M2DSliceIOParameters IO;
     MSliceFileParameters Parameters;
@@ -57,13 +55,6 @@ protected:
     }
 };
 
-// The tag of the point in a slice made by ListSource, or -1 for a slice without points.
-int TagOf(const M2DSlice& slice)
-{
-    const M2DSlicePointBlock* b = slice.GetPoints()->GetFirstPointBlock();
-    return b && !b->Points.empty() ? b->Points[0].x : -1;
-}
-
 std::vector<std::int32_t> Heights(const ISource2DSlices& source)
 {
     std::vector<std::int32_t> z;
@@ -72,12 +63,23 @@ std::vector<std::int32_t> Heights(const ISource2DSlices& source)
     return z;
 }
 
+// The kinds of the items of a layer, 'c'ontour, 'v'ector block or 'p'oint block.
+std::string Kinds(const ISource2DSlices& source, std::uint64_t layer)
+{
+    M2DSliceConstDataItems items;
+    items.Items.emplace_back(); // stale content goes
+    source.GetSliceItems(items, layer);
+    std::string kinds;
+    for (const M2DSliceConstDataItem& item : items.Items)
+        kinds += item.GetContour() ? 'c' : item.GetVectorBlock() ? 'v' : item.GetPointBlock() ? 'p' : '?';
+    return kinds;
+}
+
 } // namespace
 
 TEST(ISource2DSlices, DefaultsDeriveFromTheSlices)
 {
-    ListSource one({7}, 1);
-    EXPECT_EQ(one.GetSliceThickness(), 0);
+    EXPECT_EQ(ListSource({7}, 1).GetSliceThickness(), 0);
     ListSource source({40, 70, 100}, 1);
     EXPECT_EQ(source.GetSliceThickness(), 30);
     source.Slices[1]->GetPointsUpdate()->GetFirstPointBlock()->Points.push_back(M2DSlicePoint(-5, 500));
@@ -91,7 +93,7 @@ TEST(ISource2DSlices, DefaultsDeriveFromTheSlices)
     source.GetSlice(copy, 2);
     EXPECT_EQ(copy.GetZ(), 100);
     copy.GetPointsUpdate()->GetFirstPointBlock()->Points[0].x = 9;
-    EXPECT_EQ(TagOf(*source.Slices[2]), 1);
+    EXPECT_EQ(source.Slices[2]->GetPoints()->GetFirstPointBlock()->Points[0].x, 1);
 
     // And the shared form falls back to the filling form.
     FillingSource lazy;
@@ -100,33 +102,6 @@ TEST(ISource2DSlices, DefaultsDeriveFromTheSlices)
     EXPECT_EQ(lazy.GetXYArea(), (M2DSliceXYArea{0, 2, 0, 1}));
     EXPECT_TRUE(lazy.GetSliceIOParameters()->BordersFirst);
     EXPECT_EQ(lazy.GetProperties(), nullptr);
-}
-
-TEST(ISource2DSlices, ItemsFollowTheBuildOrder)
-{
-    ListSource source({0}, 1);
-    M2DSlice& slice = *source.Slices[0];
-    M2DSliceContour* contour = slice.GetSliceBorderUpdate()->AddContourAtEnd();
-    M2DSliceVectorBlock* block = slice.GetVectorsUpdate()->AddVectorBlockAtEnd();
-    const M2DSlicePointBlock* points = slice.GetPoints()->GetFirstPointBlock();
-
-    M2DSliceConstDataItems items;
-    items.Items.emplace_back(); // stale content goes
-    source.GetSliceItems(items, 0);
-    ASSERT_EQ(items.Items.size(), 3u);
-    ASSERT_EQ(items.Slices.size(), 1u);
-    EXPECT_EQ(items.Slices[0].get(), &slice);
-    EXPECT_EQ(items.Items[0].GetContour(), contour);
-    EXPECT_EQ(items.Items[0].GetVectorBlock(), nullptr);
-    EXPECT_EQ(items.Items[1].GetVectorBlock(), block);
-    EXPECT_EQ(items.Items[2].GetPointBlock(), points);
-
-    source.IO.BordersFirst = false;
-    source.GetSliceItems(items, 0);
-    ASSERT_EQ(items.Items.size(), 3u);
-    EXPECT_EQ(items.Items[0].GetVectorBlock(), block);
-    EXPECT_EQ(items.Items[1].GetContour(), contour);
-    EXPECT_EQ(items.Items[2].GetPointBlock(), points);
 }
 
 TEST(M2DSliceSourceVector, JoinByHeightTakesEveryHeightInRisingOrder)
@@ -154,17 +129,22 @@ TEST(M2DSliceSourceVector, JoinByHeightTakesEveryHeightInRisingOrder)
         if (expected[k])
             EXPECT_EQ(slices[k], expected[k]) << k;
         else
-        {
-            EXPECT_TRUE(slices[k]->IsEmpty()) << k;
-            EXPECT_EQ(slices[k]->GetZ(), sv.GetSliceZPosition(k / 2)) << k;
-        }
+            EXPECT_TRUE(slices[k]->IsEmpty() && slices[k]->GetZ() == sv.GetSliceZPosition(k / 2)) << k;
     }
-
     M2DSliceConstDataItems items;
     sv.GetSliceItems(items, 4);
     ASSERT_EQ(items.Slices.size(), 2u);
     ASSERT_EQ(items.Items.size(), 1u);
     EXPECT_EQ(items.Items[0].GetPointBlock(), b.Slices[0]->GetPoints()->GetFirstPointBlock());
+
+    // The joined slice holds every source's items, and the boxes join too.
+    auto joined = sv.GetSlice(1);
+    EXPECT_EQ(joined->GetZ(), 10);
+    ASSERT_EQ(joined->GetPoints()->GetNumPointBlocks(), 2u);
+    EXPECT_EQ(joined->GetPoints()->GetPointBlock(0)->Points[0], M2DSlicePoint(1, 10));
+    EXPECT_EQ(joined->GetPoints()->GetPointBlock(1)->Points[0], M2DSlicePoint(2, 10));
+    EXPECT_EQ(sv.GetXYArea(1), (M2DSliceXYArea{1, 2, 10, 10}));
+    EXPECT_EQ(sv.GetXYArea(), (M2DSliceXYArea{1, 2, 0, 30}));
 }
 
 TEST(M2DSliceSourceVector, JoinByIndexPadsShorterSources)
@@ -180,63 +160,10 @@ TEST(M2DSliceSourceVector, JoinByIndexPadsShorterSources)
     EXPECT_TRUE(items.Slices[0]->IsEmpty());
     EXPECT_EQ(items.Slices[0]->GetZ(), 20);
     EXPECT_EQ(items.Slices[1], a.Slices[2]);
-
     // Asking past the end gives empty slices, one per source, rather than failing.
     sv.GetSliceItems(items, 3);
     EXPECT_EQ(items.Slices.size(), 2u);
     EXPECT_TRUE(items.Items.empty());
-}
-
-TEST(M2DSliceSourceVector, FirstSourceGivesParametersAndProperties)
-{
-    ListSource a({0, 10}, 1);
-    ListSource b({0, 10}, 2);
-    a.IO.BordersFirst = false;
-    M2DSliceSourceVector sv;
-    sv.SetVector({nullptr, &a, &b});
-    EXPECT_EQ(sv.GetSliceIOParameters(), &a.IO);
-    EXPECT_EQ(sv.GetSliceParameters(), &a.Parameters);
-    EXPECT_EQ(sv.GetProperties(), &a.Properties);
-    EXPECT_EQ(sv.GetSliceThickness(), 10);
-
-    // Each source's items follow that source's order: a puts vectors before contours.
-    for (ListSource* s : {&a, &b})
-    {
-        s->Slices[0]->GetSliceBorderUpdate()->AddContourAtEnd();
-        s->Slices[0]->GetVectorsUpdate()->AddVectorBlockAtEnd();
-    }
-    M2DSliceConstDataItems items;
-    sv.GetSliceItems(items, 0);
-    ASSERT_EQ(items.Items.size(), 6u);
-    EXPECT_NE(items.Items[0].GetVectorBlock(), nullptr);
-    EXPECT_NE(items.Items[1].GetContour(), nullptr);
-    EXPECT_NE(items.Items[2].GetPointBlock(), nullptr);
-    EXPECT_NE(items.Items[3].GetContour(), nullptr);
-    EXPECT_NE(items.Items[4].GetVectorBlock(), nullptr);
-
-    M2DSliceSourceVector none;
-    none.SetVector({nullptr});
-    EXPECT_EQ(none.GetNumSlices(), 0u);
-    EXPECT_EQ(none.GetProperties(), nullptr);
-    EXPECT_TRUE(none.GetSliceIOParameters()->BordersFirst);
-}
-
-TEST(M2DSliceSourceVector, SliceAndAreaJoinAllSources)
-{
-    ListSource a({0, 10}, 1);
-    ListSource b({10}, 2);
-    M2DSliceSourceVector sv;
-    sv.GetOptions().JoinByHeight = true;
-    sv.SetVector({&a, &b});
-
-    auto joined = sv.GetSlice(1);
-    EXPECT_EQ(joined->GetZ(), 10);
-    ASSERT_EQ(joined->GetPoints()->GetNumPointBlocks(), 2u);
-    EXPECT_EQ(joined->GetPoints()->GetPointBlock(0)->Points[0], M2DSlicePoint(1, 10));
-    EXPECT_EQ(joined->GetPoints()->GetPointBlock(1)->Points[0], M2DSlicePoint(2, 10));
-    EXPECT_EQ(sv.GetXYArea(0), (M2DSliceXYArea{1, 1, 0, 0}));
-    EXPECT_EQ(sv.GetXYArea(1), (M2DSliceXYArea{1, 2, 10, 10}));
-    EXPECT_EQ(sv.GetXYArea(), (M2DSliceXYArea{1, 2, 0, 10}));
 
     // One source hands out its own slice; a filling source fills directly.
     M2DSliceSourceVector single;
@@ -248,4 +175,33 @@ TEST(M2DSliceSourceVector, SliceAndAreaJoinAllSources)
     single.GetSlice(filled, 2);
     EXPECT_EQ(filled.GetZ(), 300);
     EXPECT_EQ(filled.GetVectors()->GetTotalNumVectors(), 1u);
+}
+
+TEST(M2DSliceSourceVector, FirstSourceGivesParametersAndEachItsOwnOrder)
+{
+    ListSource a({0, 10}, 1);
+    ListSource b({0, 10}, 2);
+    a.IO.BordersFirst = false;
+    M2DSliceSourceVector sv;
+    sv.SetVector({nullptr, &a, &b});
+    EXPECT_EQ(sv.GetSliceIOParameters(), &a.IO);
+    EXPECT_EQ(sv.GetSliceParameters(), &a.Parameters);
+    EXPECT_EQ(sv.GetProperties(), &a.Properties);
+    EXPECT_EQ(sv.GetSliceThickness(), 10);
+
+    // Contours, vectors, points by default; a puts vectors before contours.
+    for (ListSource* s : {&a, &b})
+    {
+        s->Slices[0]->GetSliceBorderUpdate()->AddContourAtEnd();
+        s->Slices[0]->GetVectorsUpdate()->AddVectorBlockAtEnd();
+    }
+    EXPECT_EQ(Kinds(b, 0), "cvp");
+    EXPECT_EQ(Kinds(a, 0), "vcp");
+    EXPECT_EQ(Kinds(sv, 0), "vcpcvp");
+
+    M2DSliceSourceVector none;
+    none.SetVector({nullptr});
+    EXPECT_EQ(none.GetNumSlices(), 0u);
+    EXPECT_EQ(none.GetProperties(), nullptr);
+    EXPECT_TRUE(none.GetSliceIOParameters()->BordersFirst);
 }

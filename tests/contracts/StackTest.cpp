@@ -1,16 +1,8 @@
 // M2DSliceStack as target and source, with a lazily read initial source, and
 // M2DSliceTempFile as the backing file of such a source.
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <vector>
-
 #include "contracts/M2DSliceStack.h"
 #include "contracts/MFile.h"
-#include "contracts/StringConversion.h"
-#include "contracts/TemporaryDirectory.h"
+#include "tests/TestSupport.h"
 
 namespace {
 
@@ -27,10 +19,7 @@ public:
 protected:
     std::uint64_t _OnGetNumSlices() const override { return Heights.size(); }
     M2DSliceZArea _OnGetSliceZArea(std::uint64_t i) const override { return M2DSliceZArea(Heights[i]); }
-    M2DSliceXYArea _OnGetXYArea(std::uint64_t i) const override
-    {
-        return M2DSliceXYArea{0, static_cast<std::int32_t>(i), 0, 1};
-    }
+    M2DSliceXYArea _OnGetXYArea(std::uint64_t i) const override { return M2DSliceXYArea{0, static_cast<int>(i), 0, 1}; }
     void _OnGetSlice(M2DSlice& slice, std::uint64_t i) const override
     {
         ++Reads;
@@ -42,89 +31,56 @@ protected:
     const M2DSliceIOParameters* _OnGetSliceIOParameters() const override { return &IO; }
 };
 
-M2DSlice Square(std::int32_t z, int size)
-{
-    M2DSlice slice;
-    slice.SetZ(z);
-    M2DSliceContour* c = slice.GetSliceBorderUpdate()->AddContourAtEnd();
-    c->InsertAtEnd(0, 0, nullptr);
-    c->InsertAtEnd(0, size, nullptr);
-    c->InsertAtEnd(size, size, nullptr);
-    c->InsertAtEnd(size, 0, nullptr);
-    return slice;
-}
-
-std::string Utf8(const std::wstring& path) { return StringConversion::NativeToUtf8(path); }
-
 } // namespace
 
 TEST(M2DSliceStack, AddedSlicesAreTakenOrCopied)
 {
     M2DSliceStack stack;
-    EXPECT_EQ(stack.GetNumSlices(), 0u);
     EXPECT_EQ(stack.GetSliceThickness(), 0);
-
-    M2DSlice first = Square(100, 10);
+    M2DSlice first = ts::MakeSquareSlice(100, 0, 0, 10, 0);
     M2DSlice* stored = stack.AddSlice(first, true);
-    ASSERT_NE(stored, nullptr);
     EXPECT_TRUE(first.IsEmpty());
     EXPECT_EQ(stored->GetSliceBorder()->GetTotalNumPoints(), 4u);
     EXPECT_EQ(stack.GetSlice(0).get(), stored);
 
-    M2DSlice second = Square(130, 20);
+    M2DSlice second = ts::MakeSquareSlice(130, 0, 0, 20, 0);
     stack.AddSlice(second, false);
-    EXPECT_FALSE(second.IsEmpty());
     second.GetSliceBorderUpdate()->GetFirstContour()->GetFirstPoint()->x = -1;
     EXPECT_EQ(stack.GetXYArea(1), (M2DSliceXYArea{0, 20, 0, 20}));
-
-    EXPECT_EQ(stack.GetNumSlices(), 2u);
     EXPECT_EQ(stack.GetSliceZPosition(1), 130);
     EXPECT_EQ(stack.GetSliceThickness(), 30);
     EXPECT_EQ(stack.GetXYArea(), (M2DSliceXYArea{0, 20, 0, 20}));
-
     M2DSlice filled;
     stack.GetSlice(filled, 0);
-    EXPECT_EQ(filled.GetZ(), 100);
-    EXPECT_EQ(filled.GetSliceBorder()->GetTotalNumPoints(), 4u);
-
-    stack.SetSliceThickness(7);
-    EXPECT_EQ(stack.GetSliceThickness(), 7);
+    ts::ExpectSameSlice(*stored, filled);
 }
 
 TEST(M2DSliceStack, InitialSourceIsReadOnDemand)
 {
     M2DSliceStack stack;
     stack.GetProperties()->SetValue<std::int32_t>(L"Filled", 1);
-    M2DSlice early = Square(5, 1);
+    M2DSlice early = ts::MakeSquareSlice(5, 0, 0, 1, 0);
     stack.AddSlice(early, true);
 
     auto lazy = std::make_shared<LazySource>(std::vector<std::int32_t>{0, 50, 100});
     lazy->Parameters.LayerThickness = 50;
     lazy->IO.HatchDistanceX = 12;
     stack.InitFromSourceSlices(lazy);
-    EXPECT_EQ(lazy->Reads, 0);
     EXPECT_EQ(stack.GetInitialSource(), lazy);
-
-    // The initial slices replace what was there; the properties stay.
-    EXPECT_EQ(stack.GetNumSlices(), 3u);
+    // The initial slices replace what was there; the properties stay. Heights and boxes
+    // come from the source's table, without reading slices.
     std::int32_t value = 0;
     EXPECT_TRUE(stack.GetProperties()->GetValue(L"Filled", value));
-    EXPECT_EQ(value, 1);
-    EXPECT_EQ(static_cast<const ISource2DSlices&>(stack).GetProperties(), stack.GetProperties());
-    EXPECT_EQ(stack.GetSliceParameters()->LayerThickness, 50);
-    EXPECT_EQ(stack.GetSliceIOParameters()->HatchDistanceX, 12);
-    EXPECT_EQ(stack.GetSliceThickness(), 50);
-
-    // Heights and boxes come from the source's table, without reading slices.
-    EXPECT_EQ(stack.GetSliceZPosition(2), 100);
+    EXPECT_EQ(std::make_tuple(stack.GetNumSlices(), stack.GetSliceParameters()->LayerThickness,
+                              stack.GetSliceIOParameters()->HatchDistanceX, stack.GetSliceThickness(),
+                              stack.GetSliceZPosition(2)),
+              std::make_tuple(3u, 50, 12, 50, 100));
     EXPECT_EQ(stack.GetXYArea(2), (M2DSliceXYArea{0, 2, 0, 1}));
     EXPECT_EQ(lazy->Reads, 0);
 
-    M2DSlice later = Square(150, 3);
+    M2DSlice later = ts::MakeSquareSlice(150, 0, 0, 3, 0);
     stack.AddSlice(later, true);
-    EXPECT_EQ(stack.GetNumSlices(), 4u);
     EXPECT_EQ(stack.GetSliceZPosition(3), 150);
-
     auto s1 = stack.GetSlice(1);
     EXPECT_EQ(lazy->Reads, 1);
     EXPECT_EQ(s1->GetZ(), 50);
@@ -140,7 +96,6 @@ TEST(M2DSliceStack, InitialSourceIsReadOnDemand)
     // Out of range: an empty slice, no failure.
     EXPECT_TRUE(stack.GetSlice(9)->IsEmpty());
     EXPECT_EQ(stack.GetSliceZPosition(9), M2DSLICE_UNSET);
-
     stack.Clear();
     EXPECT_EQ(stack.GetNumSlices(), 0u);
     EXPECT_EQ(stack.GetInitialSource(), nullptr);
@@ -149,12 +104,10 @@ TEST(M2DSliceStack, InitialSourceIsReadOnDemand)
 
 TEST(M2DSliceTempFile, OpensSeeksAndRemoves)
 {
-    ZanSDK::FileIO::FileSystem::TemporaryDirectory dir;
-    const std::wstring path = dir.GetTemporaryFilePath();
-    const std::wstring other = dir.GetTemporaryFilePath();
-    std::ofstream(Utf8(path)) << "0123456789";
-    std::ofstream(Utf8(other)) << "x";
-
+    ts::ScratchDir dir;
+    const std::wstring path = dir.WFile("a"), other = dir.WFile("b");
+    ts::WriteFile(dir.File("a"), "0123456789");
+    ts::WriteFile(dir.File("b"), "x");
     MFile file;
     {
         M2DSliceTempFile temp(&file, path);
@@ -166,7 +119,7 @@ TEST(M2DSliceTempFile, OpensSeeksAndRemoves)
         EXPECT_TRUE(temp.InitForReading(8));
         EXPECT_EQ(file.GETC(), '8');
     }
-    EXPECT_TRUE(std::filesystem::exists(Utf8(path))) << "kept unless asked to remove";
+    EXPECT_TRUE(std::filesystem::exists(dir.File("a"))) << "kept unless asked to remove";
 
     // Removal closes the file when it is open on that path, and only then.
     {
@@ -174,16 +127,13 @@ TEST(M2DSliceTempFile, OpensSeeksAndRemoves)
         temp.SetRemoveAtEnd(true);
     }
     EXPECT_TRUE(file.IS_OPEN());
-    EXPECT_FALSE(std::filesystem::exists(Utf8(other)));
+    EXPECT_FALSE(std::filesystem::exists(dir.File("b")));
     {
         M2DSliceTempFile temp(&file, path);
         temp.SetRemoveAtEnd(true);
     }
     EXPECT_FALSE(file.IS_OPEN());
-    EXPECT_FALSE(std::filesystem::exists(Utf8(path)));
-
-    M2DSliceTempFile missing(&file, path);
-    EXPECT_FALSE(missing.InitForReading(0));
-    M2DSliceTempFile nothing(nullptr, path);
-    EXPECT_FALSE(nothing.InitForReading(0));
+    EXPECT_FALSE(std::filesystem::exists(dir.File("a")));
+    EXPECT_FALSE(M2DSliceTempFile(&file, path).InitForReading(0));
+    EXPECT_FALSE(M2DSliceTempFile(nullptr, path).InitForReading(0));
 }

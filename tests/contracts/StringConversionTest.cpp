@@ -1,12 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <clocale>
-#include <string>
 
 #include "contracts/StringConversion.h"
 #include "contracts/TemporaryDirectory.h"
-
-#include <filesystem>
+#include "tests/TestSupport.h"
 
 namespace {
 
@@ -25,7 +21,15 @@ TEST(StringConversion, RoundTripsIncludingNonBmp)
     EXPECT_EQ(Utf8ToUtf16(utf8), utf16);
     EXPECT_EQ(Utf16ToUtf8(utf16), utf8);
     EXPECT_EQ(NativeToUtf8(std::wstring(L"a\0b", 3)), std::string("a\0b", 3));
-    EXPECT_EQ(Utf8ToNative(""), L"");
+    // Under the "C" locale, and under C.UTF-8, locale text is UTF-8.
+    EXPECT_EQ(NativeToLocale(wide), utf8);
+    EXPECT_EQ(LocaleToNative(utf8), wide);
+    if (std::setlocale(LC_CTYPE, "C.UTF-8"))
+    {
+        EXPECT_EQ(NativeToLocale(wide), utf8);
+        EXPECT_EQ(LocaleToNative(utf8 + "\xFF"), wide + L"\uFFFD");
+        std::setlocale(LC_CTYPE, "C");
+    }
 }
 
 TEST(StringConversion, InvalidInputBecomesReplacementCharacters)
@@ -38,25 +42,11 @@ TEST(StringConversion, InvalidInputBecomesReplacementCharacters)
     EXPECT_EQ(Utf8ToNative("\xE2\x82x"), r + L"x");              // the x is not swallowed
     EXPECT_EQ(Utf8ToNative("\x80\xFF"), r + r);
     EXPECT_EQ(Utf8ToUtf16("\xF0\x9D\x84"), u"\uFFFD");
-
     // Lone surrogates in UTF-16, and code points that are not characters in wide strings.
     EXPECT_EQ(Utf16ToUtf8(std::u16string(1, char16_t(0xD834)) + u"x"), "\xEF\xBF\xBDx");
     EXPECT_EQ(Utf16ToUtf8(std::u16string(1, char16_t(0xDD1E))), "\xEF\xBF\xBD");
     EXPECT_EQ(NativeToUtf8(std::wstring(1, wchar_t(0xD800))), "\xEF\xBF\xBD");
     EXPECT_EQ(NativeToUtf8(std::wstring(1, wchar_t(0x110000))), "\xEF\xBF\xBD");
-}
-
-TEST(StringConversion, LocaleFunctionsFollowTheCLocale)
-{
-    // Under the "C" locale text is taken as UTF-8.
-    EXPECT_EQ(NativeToLocale(wide), utf8);
-    EXPECT_EQ(LocaleToNative(utf8), wide);
-    if (std::setlocale(LC_CTYPE, "C.UTF-8"))
-    {
-        EXPECT_EQ(NativeToLocale(wide), utf8);
-        EXPECT_EQ(LocaleToNative(utf8 + "\xFF"), wide + L"\uFFFD");
-        std::setlocale(LC_CTYPE, "C");
-    }
 }
 
 TEST(TemporaryDirectory, GivesFreshPathsAndCleansUp)
@@ -66,9 +56,8 @@ TEST(TemporaryDirectory, GivesFreshPathsAndCleansUp)
         ZanSDK::FileIO::FileSystem::TemporaryDirectory dir;
         where = NativeToUtf8(dir.GetPath());
         ASSERT_TRUE(std::filesystem::is_directory(where));
-        std::wstring a = dir.GetTemporaryFilePath();
-        std::wstring b = dir.GetTemporaryFilePath();
-        EXPECT_NE(a, b);
+        const std::wstring a = dir.GetTemporaryFilePath();
+        EXPECT_NE(a, dir.GetTemporaryFilePath());
         EXPECT_EQ(a.rfind(dir.GetPath() + L"/", 0), 0u);
         std::filesystem::create_directories(std::filesystem::path(NativeToUtf8(a)) / "nested");
     }

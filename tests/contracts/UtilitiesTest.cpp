@@ -1,39 +1,17 @@
 // Geometry utilities: contour and vector conversions, block merging, orientation, nesting
 // and the region sort.
-#include <gtest/gtest.h>
-
 #include <climits>
-#include <memory>
-#include <utility>
-#include <vector>
 
 #include "contracts/M2DSliceUtilities.h"
+#include "tests/TestSupport.h"
 
 namespace {
 
-using Points = std::vector<std::pair<int, int>>;
-
-M2DSliceContour* AddContour(M2DSliceContourLayer& border, const Points& points, bool closed = true)
-{
-    M2DSliceContour* c = border.AddContourAtEnd();
-    for (auto [x, y] : points)
-        c->InsertAtEnd(x, y, nullptr);
-    c->SetIsClosed(closed);
-    return c;
-}
-
-Points Read(const M2DSliceContour& c)
-{
-    Points out;
-    for (const M2DSliceContourPoint& p : c)
-        out.emplace_back(p.x, p.y);
-    return out;
-}
-
-// Corners of an axis-parallel square running the way of an outer contour (positive sum).
-Points Outer(int x, int y, int size) { return {{x, y}, {x, y + size}, {x + size, y + size}, {x + size, y}}; }
-// The same square the other way round.
-Points Reversed(int x, int y, int size) { return {{x, y}, {x + size, y}, {x + size, y + size}, {x, y + size}}; }
+using ts::AddContour;
+using ts::Points;
+using ts::Reversed;
+using ts::Square;
+const auto Read = ts::PointsOf;
 
 class SameLabel : public IVectorBlockMergePredicate
 {
@@ -87,18 +65,15 @@ TEST(M2DSliceUtilities, ChainsOfVectorsBecomeContours)
     };
     M2DSliceContourLayer border;
     M2DSliceUtilities::ConvertVectorsToContours(block, border);
-    ASSERT_EQ(border.GetNumContours(), 4u);
-    const M2DSliceContour* c = border.GetContour(0);
-    EXPECT_TRUE(c->GetIsClosed());
-    EXPECT_EQ(Read(*c), (Points{{0, 0}, {0, 10}, {10, 10}, {10, 0}}));
-    EXPECT_EQ(c->GetTypeInfo().GetType(), e2DSliceVectorType_Kind9);
-    EXPECT_FALSE(border.GetContour(1)->GetIsClosed());
-    EXPECT_EQ(Read(*border.GetContour(1)), (Points{{20, 0}, {30, 0}, {30, 5}}));
+    std::vector<std::pair<bool, Points>> contours;
+    for (const M2DSliceContour& c : border)
+        contours.emplace_back(c.GetIsClosed(), Read(c));
     // A vector and its way back chain into a closed contour of two points.
-    EXPECT_TRUE(border.GetContour(2)->GetIsClosed());
-    EXPECT_EQ(Read(*border.GetContour(2)), (Points{{40, 40}, {50, 50}}));
-    EXPECT_FALSE(border.GetContour(3)->GetIsClosed());
-    EXPECT_EQ(Read(*border.GetContour(3)), (Points{{7, 7}, {7, 7}}));
+    EXPECT_EQ(contours, (std::vector<std::pair<bool, Points>>{{true, {{0, 0}, {0, 10}, {10, 10}, {10, 0}}},
+                                                              {false, {{20, 0}, {30, 0}, {30, 5}}},
+                                                              {true, {{40, 40}, {50, 50}}},
+                                                              {false, {{7, 7}, {7, 7}}}}));
+    EXPECT_EQ(border.GetFirstContour()->GetTypeInfo().GetType(), e2DSliceVectorType_Kind9);
 
     // Round trip: the contours give back the vectors they came from.
     M2DSliceVectorBlock back;
@@ -130,14 +105,13 @@ TEST(M2DSliceUtilities, MergeJoinsRunsThatThePredicateAllows)
     SameLabel predicate;
     M2DSliceUtilities::MergeVectorBlocks(layer, predicate);
     EXPECT_EQ(predicate.Calls, 5);
-    ASSERT_EQ(layer.GetNumVectorBlocks(), 3u);
-    EXPECT_EQ(layer.GetVectorBlock(0), a);
-    EXPECT_EQ(layer.GetVectorBlock(1), c);
-    EXPECT_EQ(layer.GetVectorBlock(2), d);
+    std::vector<const M2DSliceVectorBlock*> blocks;
+    for (const M2DSliceVectorBlock* b = layer.GetFirstVectorBlock(); b; b = b->GetNextVectorBlock())
+        blocks.push_back(b);
+    EXPECT_EQ(blocks, (std::vector<const M2DSliceVectorBlock*>{a, c, d}));
+    EXPECT_EQ(layer.GetNumVectorBlocks(), 3u);
     EXPECT_EQ(a->Vectors, (std::vector<M2DSliceVector>{{1, 0, 1, 1}, {2, 0, 2, 1}, {3, 0, 3, 1}}));
     EXPECT_EQ(d->Vectors.size(), 2u);
-    EXPECT_EQ(a->GetNextVectorBlock(), c);
-    EXPECT_EQ(d->GetNextVectorBlock(), nullptr);
 
     M2DSliceVectorLayer none;
     M2DSliceUtilities::MergeVectorBlocks(none, predicate);
@@ -149,7 +123,7 @@ TEST(M2DSliceUtilities, OrientBorderFixesOuterAndHoleSense)
     M2DSliceContourLayer border;
     // Both given in the wrong sense, the hole first; the hole lies against the outer's side,
     // so its first corners are on the outer's boundary.
-    M2DSliceContour* hole = AddContour(border, Outer(0, 20, 30));
+    M2DSliceContour* hole = AddContour(border, Square(0, 20, 30));
     M2DSliceContour* outer = AddContour(border, Reversed(0, 0, 100));
     M2DSliceContour* island = AddContour(border, Reversed(10, 30, 5));
     M2DSliceContour* open = AddContour(border, Reversed(200, 200, 5), false);
@@ -163,55 +137,43 @@ TEST(M2DSliceUtilities, OrientBorderFixesOuterAndHoleSense)
     EXPECT_EQ(M2DSliceUtilities::SignedAreaSum(*outer), 2.0 * 100 * 100);
     EXPECT_EQ(M2DSliceUtilities::SignedAreaSum(*hole), -2.0 * 30 * 30);
     EXPECT_GT(M2DSliceUtilities::SignedAreaSum(*island), 0);
-    // Inverting starts at the old last point.
+    // Inverting starts at the old last point; open contours stay as they are.
     EXPECT_EQ(Read(*outer), (Points{{0, 100}, {100, 100}, {100, 0}, {0, 0}}));
     EXPECT_EQ(Read(*open), Reversed(200, 200, 5));
-
     // Already oriented: nothing changes.
     M2DSliceUtilities::OrientBorder(border);
     EXPECT_EQ(Read(*outer), (Points{{0, 100}, {100, 100}, {100, 0}, {0, 0}}));
     EXPECT_FALSE(hole->GetIsOuterContour());
-}
 
-TEST(M2DSliceUtilities, NestingIsExactAtExtremeCoordinates)
-{
-    // Coordinate differences near 2^32 overflow 64-bit products in a naive test.
-    M2DSliceContourLayer border;
-    M2DSliceContour* outer =
-        AddContour(border, {{INT_MIN + 1, INT_MIN + 1}, {INT_MIN + 1, INT_MAX}, {INT_MAX, INT_MAX}, {INT_MAX, INT_MIN + 1}});
-    M2DSliceContour* hole = AddContour(border, Outer(-1000, -1000, 2000));
-    M2DSliceUtilities::OrientBorder(border);
-    EXPECT_TRUE(outer->GetIsOuterContour());
-    EXPECT_GT(M2DSliceUtilities::SignedAreaSum(*outer), 0);
-    EXPECT_FALSE(hole->GetIsOuterContour());
-    EXPECT_LT(M2DSliceUtilities::SignedAreaSum(*hole), 0);
+    // Coordinate differences near 2^32 overflow 64-bit products in a naive nesting test.
+    M2DSliceContourLayer huge;
+    AddContour(huge, {{INT_MIN + 1, INT_MIN + 1}, {INT_MIN + 1, INT_MAX}, {INT_MAX, INT_MAX}, {INT_MAX, INT_MIN + 1}});
+    AddContour(huge, Square(-1000, -1000, 2000));
+    M2DSliceUtilities::OrientBorder(huge);
+    EXPECT_TRUE(huge.GetFirstContour()->GetIsOuterContour());
+    EXPECT_LT(M2DSliceUtilities::SignedAreaSum(*huge.GetLastContour()), 0);
 }
 
 TEST(M2DSliceOperatorDetermineAreas, DepthParentAndGroups)
 {
     M2DSliceContourLayer border;
     AddContour(border, Reversed(12, 32, 2));                // 0: inside the island
-    AddContour(border, Outer(0, 0, 100));                   // 1
-    AddContour(border, Outer(300, 0, 10));                  // 2: separate part
+    AddContour(border, Square(0, 0, 100));                   // 1
+    AddContour(border, Square(300, 0, 10));                  // 2: separate part
     AddContour(border, Reversed(10, 10, 50));               // 3: hole of 1
-    AddContour(border, Outer(11, 31, 20));                  // 4: island in 3
-    AddContour(border, Outer(0, 200, 5), false);            // 5: open
-    AddContour(border, Outer(70, 70, 10));                  // 6: second hole of 1
+    AddContour(border, Square(11, 31, 20));                  // 4: island in 3
+    AddContour(border, Square(0, 200, 5), false);            // 5: open
+    AddContour(border, Square(70, 70, 10));                  // 6: second hole of 1
     AddContour(border, {{1, 1}, {1, 1}, {1, 1}});           // 7: degenerate, inside 1
 
     M2DSliceOperatorDetermineAreas op;
     op.DetermineAreas(&border);
     const auto& areas = op.GetAreas();
     ASSERT_EQ(areas.size(), 8u);
-    std::vector<int> depth;
-    std::vector<long> parent;
+    std::vector<std::pair<int, long>> depthAndParent;
     for (const auto& a : areas)
-    {
-        depth.push_back(a.Depth);
-        parent.push_back(a.Parent);
-    }
-    EXPECT_EQ(depth, (std::vector<int>{3, 0, 0, 1, 2, 0, 1, 1}));
-    EXPECT_EQ(parent, (std::vector<long>{4, -1, -1, 1, 3, -1, 1, 1}));
+        depthAndParent.emplace_back(a.Depth, a.Parent);
+    EXPECT_EQ(depthAndParent, (std::vector<std::pair<int, long>>{{3, 4}, {0, -1}, {0, -1}, {1, 1}, {2, 3}, {0, -1}, {1, 1}, {1, 1}}));
     EXPECT_EQ(areas[1].SignedArea, 100.0 * 100);
     EXPECT_EQ(areas[3].SignedArea, -50.0 * 50);
     EXPECT_EQ(areas[5].SignedArea, 0.0);
@@ -228,8 +190,8 @@ TEST(M2DSliceOperatorDetermineAreas, DepthParentAndGroups)
 TEST(M2DSliceOperatorSortRegions, ListedKindsFirstThenRegionByRegion)
 {
     auto slice = std::make_shared<M2DSlice>();
-    AddContour(*slice->GetSliceBorderUpdate(), Outer(0, 0, 100));    // region 0
-    AddContour(*slice->GetSliceBorderUpdate(), Outer(500, 0, 100));  // region 1
+    AddContour(*slice->GetSliceBorderUpdate(), Square(0, 0, 100));    // region 0
+    AddContour(*slice->GetSliceBorderUpdate(), Square(500, 0, 100));  // region 1
     M2DSliceVectorLayer* layer = slice->GetVectorsUpdate();
     auto add = [&](e2DSliceVectorType type, int x) {
         M2DSliceVectorBlock* b = layer->AddVectorBlockAtEnd();

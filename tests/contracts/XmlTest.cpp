@@ -1,23 +1,11 @@
-#include <gtest/gtest.h>
-
-#include <fstream>
-#include <iterator>
+// The XML writer behind the SVG writer, and the expat-based reader.
 #include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "contracts/MXMLExpat.h"
 #include "contracts/MXMLWriter.h"
-#include "contracts/StringConversion.h"
-#include "contracts/TemporaryDirectory.h"
+#include "tests/TestSupport.h"
 
 namespace {
-
-std::string Slurp(const std::filesystem::path& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // Records the events as one line each.
 class Recorder : public MXMLExpat
@@ -46,86 +34,45 @@ protected:
     }
 };
 
-class MXMLWriterTest : public ::testing::Test
+TEST(MXMLWriter, WritesNestedElementsWithEscapedValuesThatExpatReadsBack)
 {
-protected:
-    ZanSDK::FileIO::FileSystem::TemporaryDirectory dir;
-    std::filesystem::path path = StringConversion::NativeToUtf8(dir.GetTemporaryFilePath());
-};
-
-TEST_F(MXMLWriterTest, WritesNestedElementsWithEscapedValues)
-{
+    ts::ScratchDir dir;
+    const std::string path = dir.File("doc.xml"), tricky = "a<b & \"c\" > d\te\r\nf \xF0\x9F\x98\x80";
     MXMLWriter w;
     ASSERT_TRUE(w.Open(path));
-    EXPECT_TRUE(w.WriteStartTag("svg"));
-    EXPECT_TRUE(w.WriteAttribute("width", "600px"));
-    EXPECT_TRUE(w.WriteStartTag("path"));
-    EXPECT_TRUE(w.WriteAttribute("d", ""));
-    EXPECT_TRUE(w.WriteEndTag("path"));
-    EXPECT_TRUE(w.WriteStartTag("g"));
-    EXPECT_TRUE(w.WriteAttribute("title", "a<b & \"c\" > d\te\nf"));
-    EXPECT_TRUE(w.WriteText("x < y & \xC3\xA9"));
-    EXPECT_TRUE(w.WriteEndTag("g"));
-    EXPECT_TRUE(w.WriteEndTag("svg"));
-    EXPECT_TRUE(w.Close());
-    EXPECT_EQ(Slurp(path), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                           "<svg width=\"600px\">\n"
-                           "<path d=\"\"/>\n"
-                           "<g title=\"a&lt;b &amp; &quot;c&quot; &gt; d&#9;e&#10;f\">x &lt; y &amp; \xC3\xA9</g>\n"
-                           "</svg>\n");
+    EXPECT_TRUE(w.WriteStartTag("svg") && w.WriteAttribute("width", "600px"));
+    EXPECT_TRUE(w.WriteStartTag("path") && w.WriteAttribute("d", "") && w.WriteEndTag("path"));
+    EXPECT_TRUE(w.WriteStartTag("g") && w.WriteAttribute("title", tricky) && w.WriteText(tricky) && w.WriteEndTag("g"));
+    EXPECT_TRUE(w.WriteEndTag("svg") && w.Close());
+    const std::string escaped = "a&lt;b &amp; &quot;c&quot; &gt; d&#9;e&#13;&#10;f \xF0\x9F\x98\x80";
+    EXPECT_EQ(ts::ReadFile(path), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg width=\"600px\">\n<path d=\"\"/>\n"
+                                  "<g title=\"" + escaped + "\">" + escaped + "</g>\n</svg>\n");
     EXPECT_EQ(MXMLWriter::Escape(std::string("a\x01" "b", 3)), "a\xEF\xBF\xBD" "b");
+
+    // Written as references, CR, LF and tab survive the parser's normalisation.
+    Recorder r;
+    ASSERT_TRUE(r.ParseString(ts::ReadFile(path))) << r.GetErrorMessage();
+    EXPECT_EQ(r.events, (std::vector<std::string>{"start svg width=[600px]", "text \n", "start path d=[]", "end path",
+                                                  "text \n", "start g title=[" + tricky + "]", "text " + tricky,
+                                                  "end g", "text \n", "end svg"}));
 }
 
-TEST_F(MXMLWriterTest, MisuseFailsAndStaysFailed)
+TEST(MXMLWriter, MisuseFailsAndStaysFailed)
 {
+    ts::ScratchDir dir;
+    const std::string path = dir.File("doc.xml");
     MXMLWriter w;
     EXPECT_FALSE(w.WriteStartTag("a")); // not open
-    EXPECT_FALSE(w.Open(std::filesystem::path(dir.GetPath()) / "missing" / "x.svg"));
-    ASSERT_TRUE(w.Open(path));
-    ASSERT_TRUE(w.WriteStartTag("a"));
-    ASSERT_TRUE(w.WriteStartTag("b"));
+    EXPECT_FALSE(w.Open(dir.Path() / "missing" / "x.svg"));
+    ASSERT_TRUE(w.Open(path) && w.WriteStartTag("a") && w.WriteStartTag("b"));
     EXPECT_FALSE(w.WriteEndTag("a")); // b is still open
     EXPECT_FALSE(w.WriteEndTag("b")); // failure sticks
     EXPECT_FALSE(w.Close());
-
-    ASSERT_TRUE(w.Open(path)); // a new document starts clean
-    ASSERT_TRUE(w.WriteStartTag("a"));
-    ASSERT_TRUE(w.WriteText("t"));
+    ASSERT_TRUE(w.Open(path) && w.WriteStartTag("a") && w.WriteText("t")); // a new document starts clean
     EXPECT_FALSE(w.WriteAttribute("late", "1"));
     EXPECT_FALSE(w.Close());
-
-    ASSERT_TRUE(w.Open(path));
-    ASSERT_TRUE(w.WriteStartTag("a"));
+    ASSERT_TRUE(w.Open(path) && w.WriteStartTag("a"));
     EXPECT_FALSE(w.Close()); // left open
-}
-
-TEST(MXMLExpat, ParsesWhatTheWriterWrote)
-{
-    ZanSDK::FileIO::FileSystem::TemporaryDirectory dir;
-    std::filesystem::path path = StringConversion::NativeToUtf8(dir.GetTemporaryFilePath());
-    const std::string tricky = "a<b & \"c\" > d\te\r\nf \xF0\x9F\x98\x80";
-    MXMLWriter w;
-    ASSERT_TRUE(w.Open(path));
-    w.WriteStartTag("Header");
-    w.WriteAttribute("type", "Zanofab Buildfile");
-    w.WriteStartTag("Part");
-    w.WriteAttribute("name", tricky);
-    w.WriteAttribute("id", "1");
-    w.WriteEndTag("Part");
-    w.WriteStartTag("Material");
-    w.WriteText(tricky);
-    w.WriteEndTag("Material");
-    w.WriteEndTag("Header");
-    ASSERT_TRUE(w.Close());
-
-    Recorder r;
-    ASSERT_TRUE(r.ParseString(Slurp(path))) << r.GetErrorMessage();
-    std::vector<std::string> expected = {
-        "start Header type=[Zanofab Buildfile]", "text \n", "start Part id=[1] name=[" + tricky + "]",
-        "end Part",                             "text \n", "start Material",
-        // Written as references, CR, LF and tab survive the parser's normalisation.
-        "text " + tricky, "end Material", "text \n", "end Header"};
-    EXPECT_EQ(r.events, expected);
 }
 
 TEST(MXMLExpat, ReportsErrorsWithTheLine)

@@ -1,19 +1,18 @@
-#include <gtest/gtest.h>
-
+// The lazy reader: a scan notes every layer, then slices are read on demand in any order.
 #include <algorithm>
 #include <filesystem>
 #include <random>
 #include <thread>
 
-#include "TestSlices.h"
 #include "framework/M2DSliceContainerIO.h"
 #include "framework/M2DSliceContainerIterator.h"
+#include "tests/TestSupport.h"
 
-using namespace TestSlices;
+using namespace ts;
 
 namespace {
 
-constexpr int kLayers = 40;
+constexpr std::uint64_t kLayers = 40;
 
 // A binary CLI file of 40 layers, and the same file loaded whole as the reference.
 class M2DSliceContainerIteratorTest : public ::testing::Test
@@ -22,26 +21,23 @@ protected:
     void SetUp() override
     {
         std::vector<std::int32_t> heights;
-        for (int i = 0; i < kLayers; ++i)
-            heights.push_back(5000 + 2500 * i);
-        _written = MakeStack(heights);
-        _path = _dir.File("job.cli");
+        for (std::uint64_t i = 0; i < kLayers; ++i)
+            heights.push_back(5000 + 2500 * static_cast<int>(i));
         M2DSliceContainerIO driver(0);
-        ASSERT_TRUE(driver.WriteContainer(*_written, Wide(_path), MUnit::GetIE(), 100, nullptr));
+        ASSERT_TRUE(driver.WriteContainer(*MakeStack(heights), Wide(_path), MUnit::GetIE(), 100, nullptr));
         ASSERT_TRUE(driver.ReadContainer(_reference, Wide(_path), true));
-        ASSERT_EQ(static_cast<std::uint64_t>(kLayers), _reference.GetNumSlices());
+        ASSERT_EQ(kLayers, _reference.GetNumSlices());
     }
 
-    void ExpectSlice(const M2DSliceContainerIterator& it, std::uint64_t i)
+    void ExpectSlice(const M2DSliceContainerIterator& it, std::uint64_t i, const std::string& where = "")
     {
         M2DSlice slice;
         it.GetSlice(slice, i);
-        ExpectSameSlice(*_reference.GetSlice(i), slice, "layer " + std::to_string(i));
+        ExpectSameSlice(*_reference.GetSlice(i), slice, where + " layer " + std::to_string(i));
     }
 
     ScratchDir _dir;
-    std::string _path;
-    std::unique_ptr<M2DSliceStack> _written;
+    std::string _path = _dir.File("job.cli");
     M2DSliceStack _reference;
 };
 
@@ -51,57 +47,52 @@ TEST_F(M2DSliceContainerIteratorTest, ScanMeasuresEveryLayer)
 {
     M2DSliceContainerIterator it(Wide(_path), 0, true, 0, true);
     ASSERT_TRUE(it.IsValid());
-    ASSERT_EQ(static_cast<std::uint64_t>(kLayers), it.GetNumSlices());
+    ASSERT_EQ(kLayers, it.GetNumSlices());
     EXPECT_EQ(-1, it.GetSliceThickness()); // whatever the file says
     EXPECT_EQ(100, it.GetSliceParameters()->Resolution);
 
-    double area = 0.0;
-    double length = 0.0;
+    double area = 0.0, length = 0.0;
     M2DSliceXYArea box;
-    for (std::uint64_t i = 0; i < it.GetNumSlices(); ++i)
+    for (std::uint64_t i = 0; i < kLayers; ++i)
     {
         const M2DSlice& ref = *_reference.GetSlice(i);
         EXPECT_EQ(ref.GetZ(), it.GetSliceZPosition(i));
         EXPECT_EQ(ref.GetXYArea(true), it.GetXYArea(i));
         box.Extend(ref.GetXYArea(true));
-        const double side = 50000.0 + 1000.0 * static_cast<double>(i);
+        const double side = 50000.0 + 1000.0 * static_cast<double>(i); // the squares of MakeStack
         area += side * side;
         length += 4.0 * side;
     }
     EXPECT_EQ(box, it.GetXYArea());
     EXPECT_DOUBLE_EQ(area, it.GetTotalSurfaceArea());
     EXPECT_DOUBLE_EQ(length, it.GetTotalContourLength());
-    EXPECT_EQ(static_cast<std::uint64_t>(kLayers), it.GetTotals().NumContours);
+    EXPECT_EQ(kLayers, it.GetTotals().NumContours);
     EXPECT_EQ(0u, it.GetTotals().NumVectorBlocks); // the scan asks the format to skip vectors
 
+    // Without the scan at construction; a second scan rebuilds the table instead of doubling it.
     M2DSliceContainerIterator later(Wide(_path), 0, true, 0, false);
-    EXPECT_FALSE(later.IsValid());
-    EXPECT_EQ(0u, later.GetNumSlices());
-    EXPECT_TRUE(later._ScanFile());
-    EXPECT_TRUE(later._ScanFile()); // a second scan rebuilds the table instead of doubling it
-    EXPECT_TRUE(later.IsValid());
-    EXPECT_EQ(static_cast<std::uint64_t>(kLayers), later.GetNumSlices());
+    EXPECT_FALSE(later.IsValid() || later.GetNumSlices());
+    EXPECT_TRUE(later._ScanFile() && later._ScanFile() && later.IsValid());
+    EXPECT_EQ(kLayers, later.GetNumSlices());
     ExpectSlice(later, 7);
 }
 
 TEST_F(M2DSliceContainerIteratorTest, AnyAccessOrderGivesTheWholeFileLoad)
 {
+    // Forwards, backwards, then each layer twice in a random order.
+    std::vector<std::uint64_t> order, shuffled;
+    for (std::uint64_t i = 0; i < 2 * kLayers; ++i)
+        order.push_back(i < kLayers ? i : 2 * kLayers - 1 - i);
+    shuffled.insert(shuffled.end(), order.begin(), order.end());
+    std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(1234));
+    order.insert(order.end(), shuffled.begin(), shuffled.end());
     // Buffers that hold the whole file, a few layers, and less than one layer.
     for (std::uint64_t buffer : {0u, 300u, 48u})
     {
-        SCOPED_TRACE(buffer);
         M2DSliceContainerIterator it(Wide(_path), 0, true, buffer, true);
         ASSERT_TRUE(it.IsValid());
-        for (std::uint64_t i = 0; i < kLayers; ++i)
-            ExpectSlice(it, i);
-        for (std::uint64_t i = kLayers; i-- > 0;)
-            ExpectSlice(it, i);
-        std::vector<std::uint64_t> order;
-        for (std::uint64_t i = 0; i < kLayers; ++i)
-            order.insert(order.end(), {i, i});
-        std::shuffle(order.begin(), order.end(), std::mt19937(1234));
         for (std::uint64_t i : order)
-            ExpectSlice(it, i);
+            ExpectSlice(it, i, "buffer " + std::to_string(buffer));
     }
 }
 
@@ -143,18 +134,15 @@ TEST_F(M2DSliceContainerIteratorTest, CopyReadsOnAnotherThread)
     ASSERT_TRUE(copy.IsValid());
     EXPECT_NE(it.GetSliceIO(), copy.GetSliceIO());
     EXPECT_EQ(0, copy.GetSliceIO()->GetFileType());
-    EXPECT_EQ(it.GetNumSlices(), copy.GetNumSlices());
 
-    std::vector<M2DSlice> backward(kLayers);
+    std::vector<M2DSlice> forward(kLayers), backward(kLayers);
     std::thread other([&] {
         for (std::uint64_t i = kLayers; i-- > 0;)
             copy.GetSlice(backward[i], i);
     });
-    std::vector<M2DSlice> forward(kLayers);
     for (std::uint64_t i = 0; i < kLayers; ++i)
         it.GetSlice(forward[i], i);
     other.join();
-
     for (std::uint64_t i = 0; i < kLayers; ++i)
     {
         ExpectSameSlice(*_reference.GetSlice(i), forward[i], "forward " + std::to_string(i));
@@ -175,45 +163,35 @@ TEST_F(M2DSliceContainerIteratorTest, BrokenFilesGiveEmptySlices)
         invalid.GetSlice(slice, i);
         EXPECT_TRUE(slice.IsEmpty());
     }
-    M2DSliceContainerIterator invalidCopy(invalid);
-    EXPECT_FALSE(invalidCopy.IsValid());
-
+    EXPECT_FALSE(M2DSliceContainerIterator(invalid).IsValid());
     M2DSliceContainerIterator missing(_dir.WFile("missing.cli"), 0, true, 0, true);
-    EXPECT_FALSE(missing.IsValid());
-    EXPECT_EQ(0u, missing.GetNumSlices());
-    M2DSliceContainerIterator noFormat(Wide(_path), 7, true, 0, true);
-    EXPECT_FALSE(noFormat.IsValid());
+    EXPECT_FALSE(missing.IsValid() || missing.GetNumSlices());
+    EXPECT_FALSE(M2DSliceContainerIterator(Wide(_path), 7, true, 0, true).IsValid()); // no format
 
     // Truncated between the scan and the reads: the layers that are gone come back empty.
     M2DSliceContainerIterator it(Wide(_path), 0, true, 64, true);
     ASSERT_TRUE(it.IsValid());
-    const auto cut = static_cast<std::uintmax_t>(it.GetLayerTable()[20].Position);
-    std::filesystem::resize_file(_path, cut);
+    std::filesystem::resize_file(_path, static_cast<std::uintmax_t>(it.GetLayerTable()[20].Position));
     ExpectSlice(it, 3);
     M2DSlice slice;
-    it.GetSlice(slice, 30);
-    EXPECT_TRUE(slice.IsEmpty());
-    it.GetSlice(slice, kLayers - 1);
-    EXPECT_TRUE(slice.IsEmpty());
+    for (std::uint64_t i : {std::uint64_t{30}, kLayers - 1})
+    {
+        it.GetSlice(slice, i);
+        EXPECT_TRUE(slice.IsEmpty()) << i;
+    }
     // Deleted: whatever the reads give, they must not fail hard.
     std::filesystem::remove(_path);
     for (std::uint64_t i = kLayers; i-- > 0;)
         it.GetSlice(slice, i);
     it.GetSlice(slice, kLayers + 5);
     EXPECT_TRUE(slice.IsEmpty());
-}
 
-TEST_F(M2DSliceContainerIteratorTest, FileWithoutLayersIsValidAndEmpty)
-{
-    const std::string path = _dir.File("nolayers.cli");
-    WriteFileBytes(path, "$$HEADERSTART\n$$BINARY\n$$UNITS/00000000.010000\n$$VERSION/200\n$$HEADEREND");
-    M2DSliceContainerIterator it(Wide(path), 0, true, 0, true);
-    EXPECT_TRUE(it.IsValid());
-    EXPECT_EQ(0u, it.GetNumSlices());
-    EXPECT_TRUE(it.GetXYArea().IsEmpty());
-    EXPECT_EQ(100, it.GetSliceParameters()->Resolution);
-    M2DSlice slice;
-    it.GetSlice(slice, 0);
+    // A file without layers is valid and empty.
+    WriteFile(_path, "$$HEADERSTART\n$$BINARY\n$$UNITS/00000000.010000\n$$VERSION/200\n$$HEADEREND");
+    M2DSliceContainerIterator none(Wide(_path), 0, true, 0, true);
+    EXPECT_TRUE(none.IsValid() && none.GetNumSlices() == 0 && none.GetXYArea().IsEmpty());
+    EXPECT_EQ(100, none.GetSliceParameters()->Resolution);
+    none.GetSlice(slice, 0);
     EXPECT_TRUE(slice.IsEmpty());
 }
 
@@ -221,8 +199,8 @@ TEST_F(M2DSliceContainerIteratorTest, InitSliceStackFromSliceFile)
 {
     M2DSliceStack stack;
     ASSERT_TRUE(ZanSDK::AM::SliceIO::InitSliceStackFromSliceFile(0, Wide(_path), stack, false));
-    ASSERT_EQ(static_cast<std::uint64_t>(kLayers), stack.GetNumSlices());
-    for (std::uint64_t i : {std::uint64_t{0}, std::uint64_t{kLayers - 1}, std::uint64_t{17}})
+    ASSERT_EQ(kLayers, stack.GetNumSlices());
+    for (std::uint64_t i : {std::uint64_t{0}, kLayers - 1, std::uint64_t{17}})
         ExpectSameSlice(*_reference.GetSlice(i), *stack.GetSlice(i), "layer " + std::to_string(i));
 
     // With removeAtEnd the file goes with the stack that owns its source.

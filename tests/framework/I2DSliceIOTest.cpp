@@ -1,21 +1,20 @@
-#include <gtest/gtest.h>
-
+// The base class: state and argument checks, layer bookkeeping, and the read options.
+#include <algorithm>
 #include <cmath>
-#include <cstdio>
 
 #include "contracts/M2DSliceStack.h"
 #include "contracts/M2DSliceUtilities.h"
 #include "tests/framework/TestFormat.h"
 
-using namespace testformat;
+using ts::Points;
 
 namespace {
+
+using Calls = std::vector<std::string>;
 
 class I2DSliceIOTest : public ::testing::Test
 {
 protected:
-    void TearDown() override { std::remove(std::filesystem::path(path).string().c_str()); }
-
     void OpenForWrite()
     {
         ASSERT_TRUE(io.OpenFile(path, I2DSliceIO::Write));
@@ -24,7 +23,7 @@ protected:
     }
     bool Write(std::int32_t z, bool empty = false)
     {
-        auto slice = empty ? std::make_shared<M2DSlice>() : Square(z, z, -z);
+        auto slice = empty ? std::make_shared<M2DSlice>() : SquareAt(z, z, -z);
         slice->SetZ(z);
         return io.WriteLayer(one, Items({slice}));
     }
@@ -34,8 +33,7 @@ protected:
         OpenForWrite();
         for (const auto& layer : layers)
             ASSERT_TRUE(io.WriteLayer(one, Items({layer})));
-        ASSERT_TRUE(io.WriteFooter(one));
-        ASSERT_TRUE(io.CloseFile());
+        ASSERT_TRUE(io.WriteFooter(one) && io.CloseFile());
         ASSERT_TRUE(io.OpenFile(path, I2DSliceIO::Read));
         M2DSliceContainerIOProperties odd;
         odd.UnitConversionFactor = 1;
@@ -47,41 +45,51 @@ protected:
     M2DSliceStack source1, source2;
     std::vector<const ISource2DSlices*> one{&source1};
     std::vector<const ISource2DSlices*> two{&source1, &source2};
-    std::wstring path = TempPath(::testing::UnitTest::GetInstance()->current_test_info()->name());
+    ts::ScratchDir dir;
+    std::wstring path = dir.WFile("file.tst");
 };
 
-TEST_F(I2DSliceIOTest, OpenFileStoresPathAndModeBeforeAnyCheck)
+TEST_F(I2DSliceIOTest, OperationsCheckTheOpenMode)
 {
+    // Path and mode are stored before any check.
     EXPECT_FALSE(io.OpenFile(path, static_cast<I2DSliceIO::MOpenMode>(3)));
     EXPECT_EQ(io.GetPath(), path);
     EXPECT_EQ(io.GetOpenMode(), 3);
     EXPECT_FALSE(io.OpenFile(path + L".missing", I2DSliceIO::Read));
     EXPECT_EQ(io.GetOpenMode(), I2DSliceIO::Read);
     EXPECT_TRUE(io.calls.empty()); // no hook for a failed open
+    EXPECT_FALSE(io.WriteHeader(one, MUnit::GetIE(), 1)); // not open
+    EXPECT_FALSE(Write(10));
 
-    EXPECT_TRUE(io.OpenFile(path, I2DSliceIO::Write));
-    EXPECT_EQ(io.calls, std::vector<std::string>{"open 1"});
-}
-
-TEST_F(I2DSliceIOTest, CloseFileRunsTheHookOnTheClosedFileUnlessItFailed)
-{
     OpenForWrite();
+    auto slice = SquareAt(7);
+    EXPECT_FALSE(io.ReadLayer(*slice, nullptr, true));
+    EXPECT_EQ(slice->GetZ(), 7); // untouched
+    EXPECT_EQ(slice->GetSliceBorder()->GetNumContours(), 1u);
+    M2DSliceContainerScanInfo info;
+    EXPECT_FALSE(io.ScanLayer(info, nullptr, true) || io.ReadHeader(nullptr) || io.ReadFooter(nullptr));
+    EXPECT_TRUE(io.WriteHeaderPerSliceContainer(3)); // no check at all
+    // The hook runs on the closed file.
     EXPECT_TRUE(io.CloseFile());
-    EXPECT_EQ(io.calls, std::vector<std::string>{"close"});
+    EXPECT_EQ(io.calls, (Calls{"container 3", "close"}));
     EXPECT_FALSE(io.closeSawOpenFile);
 
-    // A device that refuses every byte: the error shows at flushing and closing.
+    ASSERT_TRUE(io.OpenFile(path, I2DSliceIO::Read));
+    EXPECT_FALSE(io.WriteHeader(one, MUnit::GetIE(), 1) || io.WriteLayer(one, Items({SquareAt(7)})) ||
+                 io.WriteFooter(one));
+
+    // A device that refuses every byte: the error shows at flushing and closing, and the
+    // failed close calls no hook.
     io.calls.clear();
     ASSERT_TRUE(io.OpenFile(L"/dev/full", I2DSliceIO::Write));
     ASSERT_TRUE(io.WriteHeader(one, MUnit::GetIE(), 1));
     EXPECT_FALSE(io.FlushFile());
     EXPECT_FALSE(io.CloseFile());
-    EXPECT_EQ(io.calls, (std::vector<std::string>{"open 1", "header 1"}));
+    EXPECT_EQ(io.calls, (Calls{"open 1", "header 1"}));
 }
 
-TEST_F(I2DSliceIOTest, WriteHeaderChecksStateSourcesAndUnitsBeforeStoring)
+TEST_F(I2DSliceIOTest, WriteHeaderChecksSourcesAndUnitsBeforeStoring)
 {
-    EXPECT_FALSE(io.WriteHeader(one, MUnit::GetIE(), 1)); // not open
     ASSERT_TRUE(io.OpenFile(path, I2DSliceIO::Write));
     const std::int32_t perInch = std::lround(MUnit::GetIE() * 25.4);
     EXPECT_TRUE(io.WriteHeader(one, perInch, 100));
@@ -95,25 +103,27 @@ TEST_F(I2DSliceIOTest, WriteHeaderChecksStateSourcesAndUnitsBeforeStoring)
     EXPECT_TRUE(io.WriteHeader({}, MUnit::GetIE(), 1));
     EXPECT_EQ(io.calls.back(), "header 0");
     EXPECT_EQ(io.Properties().UnitConversionFactor, MUnit::GetIE());
-
-    ASSERT_TRUE(io.CloseFile());
-    ASSERT_TRUE(io.OpenFile(path, I2DSliceIO::Read));
-    EXPECT_FALSE(io.WriteHeader(one, MUnit::GetIE(), 1)); // read mode
 }
 
-TEST_F(I2DSliceIOTest, WriteLayerMatchesSlicesToSources)
+TEST_F(I2DSliceIOTest, WriteLayerMatchesSlicesToSourcesAndHeights)
 {
-    EXPECT_FALSE(Write(10)); // not open
     OpenForWrite();
-    EXPECT_FALSE(io.WriteLayer(two, Items({Square(10)})));
+    EXPECT_FALSE(io.WriteLayer(two, Items({SquareAt(10)})));
     EXPECT_FALSE(io.WriteLayer(one, M2DSliceConstDataItems()));
-    EXPECT_EQ(io.Properties().NumLayers, 0u);
-    EXPECT_TRUE(io.WriteLayer(one, Items({Square(10), Square(10, 500)})));
-    EXPECT_TRUE(io.WriteLayer(two, Items({Square(20), Square(20, 500)})));
-    EXPECT_EQ(io.calls, (std::vector<std::string>{"layer 10", "layer 20"}));
-    const auto& d = io.Properties().Dimensions;
-    EXPECT_EQ(d.XMin, 0);
-    EXPECT_EQ(d.XMax, 600);
+    EXPECT_TRUE(io.WriteLayer(one, Items({SquareAt(10), SquareAt(10, 500)})));
+    EXPECT_TRUE(io.WriteLayer(two, Items({SquareAt(20), SquareAt(20, 500)})));
+    EXPECT_EQ(io.calls, (Calls{"layer 10", "layer 20"}));
+    EXPECT_EQ(io.Properties().Dimensions.XMax, 600);
+
+    // Slices at different heights fail the layer, uncounted; the first, at the height of the
+    // last one, is merged into the bounds before the second fails.
+    io.calls.clear();
+    EXPECT_FALSE(io.WriteLayer(one, Items({SquareAt(40, 0, -50), SquareAt(30, 500, 500), SquareAt(40)})));
+    const auto& p = io.Properties();
+    EXPECT_EQ(p.NumLayers, 2u);
+    EXPECT_EQ(std::make_tuple(p.Dimensions.YMin, p.Dimensions.YMax, p.Dimensions.ZMax), std::make_tuple(-50, 100, 20))
+        << "y bounds, highest z";
+    EXPECT_TRUE(io.calls.empty());
 }
 
 TEST_F(I2DSliceIOTest, EmptyLayerIsCountedWithoutCallingTheHook)
@@ -127,7 +137,7 @@ TEST_F(I2DSliceIOTest, EmptyLayerIsCountedWithoutCallingTheHook)
 
     io.GetWriteOptions().WriteEmptyLayers = true;
     EXPECT_TRUE(Write(80, true));
-    EXPECT_EQ(io.calls, std::vector<std::string>{"layer 80"});
+    EXPECT_EQ(io.calls, Calls{"layer 80"});
     EXPECT_EQ(io.Properties().LayerThickness, 30);
     EXPECT_EQ(io.Properties().Dimensions.XMin, INT32_MAX);
     // Written out, empty slices take part in the height check like any other.
@@ -138,19 +148,6 @@ TEST_F(I2DSliceIOTest, EmptyLayerIsCountedWithoutCallingTheHook)
     EXPECT_TRUE(io.WriteLayer(one, Items({at90, std::make_shared<M2DSlice>()})));
 }
 
-TEST_F(I2DSliceIOTest, SlicesOfOneLayerAtDifferentHeightsFail)
-{
-    OpenForWrite();
-    // The first slice matches the height of the last one and is merged before the second fails.
-    EXPECT_FALSE(io.WriteLayer(one, Items({Square(200, 0, 0), Square(100, 500, 500), Square(200, 900, 900)})));
-    const auto& p = io.Properties();
-    EXPECT_EQ(p.NumLayers, 0u);
-    EXPECT_EQ(p.Dimensions.XMin, 0);
-    EXPECT_EQ(p.Dimensions.XMax, 100);
-    EXPECT_EQ(p.Dimensions.ZMin, INT32_MAX);
-    EXPECT_TRUE(io.calls.empty());
-}
-
 TEST_F(I2DSliceIOTest, LayerThicknessIsTheGcdOfTheDistances)
 {
     struct Case
@@ -158,8 +155,7 @@ TEST_F(I2DSliceIOTest, LayerThicknessIsTheGcdOfTheDistances)
         std::vector<std::int32_t> heights;
         std::int32_t thickness;
     };
-    for (const Case& c : {Case{{0, 30, 60, 80}, 10}, Case{{0, 40, 40, 80}, 40}, Case{{-100, 0, 70}, 10},
-                          Case{{5, 5, 5}, 0}})
+    for (const Case& c : {Case{{0, 30, 60, 80}, 10}, Case{{-100, 0, 0, 70}, 10}, Case{{5, 5, 5}, 0}})
     {
         M2DSliceContainerIOProperties fresh;
         io.SetIoProperties(fresh);
@@ -168,50 +164,26 @@ TEST_F(I2DSliceIOTest, LayerThicknessIsTheGcdOfTheDistances)
         for (std::int32_t z : c.heights)
             ASSERT_TRUE(Write(z));
         const auto& p = io.Properties();
-        EXPECT_EQ(p.LayerThickness, c.thickness) << c.heights[1];
-        EXPECT_EQ(p.NumLayers, c.heights.size());
-        EXPECT_EQ(p.Dimensions.ZMin, c.heights.front());
-        EXPECT_EQ(p.Dimensions.ZMax, c.heights.back());
+        EXPECT_EQ(std::make_tuple(p.LayerThickness, p.NumLayers, p.Dimensions.ZMin, p.Dimensions.ZMax),
+                  std::make_tuple(c.thickness, c.heights.size(), c.heights.front(), c.heights.back()))
+            << "thickness, layers, lowest, highest from " << c.heights[1];
         // Asked (and ignored) for every layer above the first height.
-        int above = 0;
-        for (std::int32_t z : c.heights)
-            above += z > c.heights.front();
-        EXPECT_EQ(io.appendQueries, above);
+        EXPECT_EQ(io.appendQueries, std::count_if(c.heights.begin(), c.heights.end(),
+                                                  [&](std::int32_t z) { return z > c.heights.front(); }));
         ASSERT_TRUE(io.CloseFile());
     }
 }
 
-TEST_F(I2DSliceIOTest, OperationsCheckTheOpenMode)
-{
-    OpenForWrite();
-    auto slice = Square(7);
-    EXPECT_FALSE(io.ReadLayer(*slice, nullptr, true));
-    EXPECT_EQ(slice->GetZ(), 7);
-    EXPECT_EQ(slice->GetSliceBorder()->GetNumContours(), 1u);
-    M2DSliceContainerScanInfo info;
-    EXPECT_FALSE(io.ScanLayer(info, nullptr, true));
-    EXPECT_FALSE(io.ReadHeader(nullptr));
-    EXPECT_FALSE(io.ReadFooter(nullptr));
-    EXPECT_TRUE(io.WriteHeaderPerSliceContainer(3)); // no check at all
-    EXPECT_EQ(io.calls, std::vector<std::string>{"container 3"});
-    ASSERT_TRUE(io.CloseFile());
-    ASSERT_TRUE(io.OpenFile(path, I2DSliceIO::Read));
-    EXPECT_FALSE(io.WriteFooter(one));
-    EXPECT_FALSE(io.WriteLayer(one, Items({Square(7)})));
-}
-
 TEST_F(I2DSliceIOTest, RoundTripThroughTheHooks)
 {
-    auto first = Square(100, 0, 0, 100);
+    auto first = SquareAt(100, 0, 0, 100);
     M2DSliceVectorBlock* block = first->GetVectorsUpdate()->AddVectorBlockAtEnd();
     block->SetTypeInfo(M2DSliceVectorTypeInfo(e2DSliceVectorType_Hatch));
     block->Vectors = {M2DSliceVector(1, 2, 3, 4), M2DSliceVector(-50, 7, 300, 8)};
     first->GetPointsUpdate()->AddPointBlockAtEnd()->Points.push_back(M2DSlicePoint(9, 250));
-    auto second = Square(200, 10, 10, 20);
 
-    WriteAndReopen({first, second});
-    EXPECT_EQ(io.calls,
-              (std::vector<std::string>{"layer 100", "layer 200", "footer", "close", "open 0", "read header"}));
+    WriteAndReopen({first, SquareAt(200, 10, 10, 20)});
+    EXPECT_EQ(io.calls, (Calls{"layer 100", "layer 200", "footer", "close", "open 0", "read header"}));
     EXPECT_EQ(io.unitSeenByReadHeader, MUnit::GetIE()); // reset before the hook
 
     M2DSlice slice;
@@ -219,9 +191,8 @@ TEST_F(I2DSliceIOTest, RoundTripThroughTheHooks)
     EXPECT_TRUE(slice.DataKnown);
     EXPECT_EQ(slice.GetZ(), 100);
     ASSERT_EQ(slice.GetSliceBorder()->GetNumContours(), 1u);
-    const M2DSliceContour& c = *slice.GetSliceBorder()->GetFirstContour();
-    EXPECT_EQ(Points(c), Points(*first->GetSliceBorder()->GetFirstContour()));
-    EXPECT_TRUE(c.GetIsOuterContour());
+    EXPECT_EQ(ts::PointsOf(*slice.GetSliceBorder()->GetFirstContour()), ts::Square(0, 0, 100));
+    EXPECT_TRUE(slice.GetSliceBorder()->GetFirstContour()->GetIsOuterContour());
     ASSERT_EQ(slice.GetVectors()->GetNumVectorBlocks(), 1u);
     EXPECT_EQ(slice.GetVectors()->GetFirstVectorBlock()->Vectors, block->Vectors);
     EXPECT_EQ(slice.GetPoints()->GetTotalNumPoints(), 1u);
@@ -229,27 +200,25 @@ TEST_F(I2DSliceIOTest, RoundTripThroughTheHooks)
 
     M2DSliceContainerScanInfo info;
     ASSERT_TRUE(io.ScanLayer(info, nullptr, true));
-    EXPECT_EQ(info.Z, 200);
-    EXPECT_EQ(info.NumContours, 1u);
-    EXPECT_DOUBLE_EQ(info.SurfaceArea, 400.0);
-    EXPECT_DOUBLE_EQ(info.ContourLength, 80.0);
+    EXPECT_EQ(std::make_tuple(info.Z, info.NumContours, info.SurfaceArea, info.ContourLength),
+              std::make_tuple(200, 1u, 400.0, 80.0));
     EXPECT_FALSE(io.ReadLayer(slice, nullptr, true)); // the end of the layers
     EXPECT_TRUE(io.ReadFooter(nullptr));
 }
 
 TEST_F(I2DSliceIOTest, ReadOptionsPostProcessTheLayer)
 {
-    auto layer = Square(10, 0, 0, 100);
-    AddContour(*layer, {{0, 0}, {50, 0}, {50, 0}, {100, 0}, {100, 100}, {0, 100}}); // collinear, doubled
-    AddContour(*layer, {{500, 500}, {600, 500}, {500, 500}});                      // closed, degenerate
-    AddContour(*layer, {{0, 0}, {1, 1}}, false);                                     // open
+    auto layer = SquareAt(10, 0, 0, 100);
+    ts::AddContour(*layer, {{0, 0}, {50, 0}, {50, 0}, {100, 0}, {100, 100}, {0, 100}}); // collinear, doubled
+    ts::AddContour(*layer, {{500, 500}, {600, 500}, {500, 500}});                      // closed, degenerate
+    ts::AddContour(*layer, {{0, 0}, {1, 1}}, false);                                     // open
     for (e2DSliceVectorType type : {e2DSliceVectorType_Hatch, e2DSliceVectorType_Hatch, e2DSliceVectorType_VectorGroup7})
     {
         M2DSliceVectorBlock* b = layer->GetVectorsUpdate()->AddVectorBlockAtEnd();
         b->SetTypeInfo(M2DSliceVectorTypeInfo(type));
         b->Vectors.push_back(M2DSliceVector(0, 0, 10, 10));
     }
-    WriteAndReopen({layer, layer, layer, Square(10)});
+    WriteAndReopen({layer, layer, layer, SquareAt(10)});
     M2DSlice slice;
 
     // Defaults: equal neighbouring labels merge, contours stay as read.
@@ -263,7 +232,7 @@ TEST_F(I2DSliceIOTest, ReadOptionsPostProcessTheLayer)
     EXPECT_EQ(slice.GetVectors()->GetNumVectorBlocks(), 3u);
     const M2DSliceContourLayer& border = *slice.GetSliceBorder();
     ASSERT_EQ(border.GetNumContours(), 3u); // the degenerate closed contour is gone
-    EXPECT_EQ(Points(*border.GetContour(1)), (std::vector<std::pair<int, int>>{{0, 0}, {100, 0}, {100, 100}, {0, 100}}));
+    EXPECT_EQ(ts::PointsOf(*border.GetContour(1)), (Points{{0, 0}, {100, 0}, {100, 100}, {0, 100}}));
     EXPECT_EQ(border.GetContour(2)->GetNumPoints(), 2u); // open contours stay at any length
 
     // One open contour sends every contour into vectors: 4 + 6 + 3 + 1 segments.

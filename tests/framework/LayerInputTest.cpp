@@ -1,15 +1,17 @@
-#include <gtest/gtest.h>
-
+// The layer reader builds a slice and the layer scanner only measures; fed alike, both must
+// measure alike.
 #include <functional>
 
-#include "tests/framework/TestFormat.h"
+#include "contracts/M2DSliceUtilities.h"
+#include "framework/I2DSliceIO.h"
+#include "tests/TestSupport.h"
 
 namespace {
 
 using Input = I2DSliceIO::ILayerInput;
-using Path = std::vector<std::pair<int, int>>;
+using ts::Points;
 
-void Contour(Input& in, const Path& points, bool closed = true, bool invert = false)
+void Contour(Input& in, const Points& points, bool closed = true, bool invert = false)
 {
     in.StartContour(e2DSliceVectorType_Border);
     in.SetContourClosed(closed);
@@ -19,10 +21,11 @@ void Contour(Input& in, const Path& points, bool closed = true, bool invert = fa
     in.EndContour(invert);
 }
 
-const Path kUnitSquare{{0, 0}, {0, 1}, {1, 1}, {1, 0}};
+const Points kUnitSquare = ts::Square(0, 0, 1);
 
-// Runs the same feed through a reader and a scanner and checks that both measure alike.
-M2DSliceContainerScanInfo Measure(const std::function<void(Input&)>& feed)
+// Feeds a reader and a scanner alike, checks that both measure alike and returns
+// (surface area, contour length).
+std::pair<double, double> Measure(const std::function<void(Input&)>& feed)
 {
     M2DSlice slice;
     M2DSliceContainerScanInfo read, scanned;
@@ -35,46 +38,41 @@ M2DSliceContainerScanInfo Measure(const std::function<void(Input&)>& feed)
         feed(scanner);
     }
     EXPECT_EQ(read.Area, scanned.Area);
-    EXPECT_EQ(read.NumContours, scanned.NumContours);
-    EXPECT_DOUBLE_EQ(read.ContourLength, scanned.ContourLength);
-    EXPECT_DOUBLE_EQ(read.SurfaceArea, scanned.SurfaceArea);
-    return scanned;
+    EXPECT_EQ(std::make_tuple(read.NumContours, read.SurfaceArea, read.ContourLength),
+              std::make_tuple(scanned.NumContours, scanned.SurfaceArea, scanned.ContourLength))
+        << "contours, area, length: read against scanned";
+    // The reader decides the outer flag of closed contours by their area.
+    for (const M2DSliceContour& c : *slice.GetSliceBorder())
+        EXPECT_TRUE(!c.GetIsClosed() || c.GetIsOuterContour() == (M2DSliceUtilities::SignedAreaSum(c) > 0));
+    return {scanned.SurfaceArea, scanned.ContourLength};
 }
+
+using Measured = std::pair<double, double>;
 
 TEST(MLayerScanner, MeasuresAreaAndLengthLikeTheReader)
 {
-    auto square = Measure([](Input& in) { Contour(in, kUnitSquare); });
-    EXPECT_DOUBLE_EQ(square.SurfaceArea, 1.0);
-    EXPECT_DOUBLE_EQ(square.ContourLength, 4.0);
-    EXPECT_EQ(square.Area, (M2DSliceXYArea{0, 1, 0, 1}));
-
+    EXPECT_EQ(Measure([](Input& in) { Contour(in, kUnitSquare); }), Measured(1.0, 4.0));
     // A hole runs the other way round and takes its area off the outer contour's.
-    auto holed = Measure([](Input& in) {
-        Contour(in, {{0, 0}, {0, 10}, {10, 10}, {10, 0}});
-        Contour(in, {{4, 4}, {6, 4}, {6, 6}, {4, 6}});
-    });
-    EXPECT_DOUBLE_EQ(holed.SurfaceArea, 96.0);
-    EXPECT_DOUBLE_EQ(holed.ContourLength, 48.0);
-    EXPECT_EQ(holed.NumContours, 2u);
-
+    EXPECT_EQ(Measure([](Input& in) {
+                  Contour(in, ts::Square(0, 0, 10));
+                  Contour(in, ts::Reversed(4, 4, 2));
+              }),
+              Measured(96.0, 48.0));
     // Open contours count their drawn length and no surface; a closed one adds its closing side.
-    EXPECT_DOUBLE_EQ(Measure([](Input& in) { Contour(in, {{0, 0}, {3, 4}, {6, 0}}, false); }).ContourLength, 10.0);
-    auto closed = Measure([](Input& in) { Contour(in, {{0, 0}, {3, 4}, {6, 0}}); });
-    EXPECT_DOUBLE_EQ(closed.ContourLength, 16.0);
-    EXPECT_DOUBLE_EQ(closed.SurfaceArea, 12.0);
-
-    // Inverting negates the area; a contour left under way is finished without inverting.
-    EXPECT_DOUBLE_EQ(Measure([](Input& in) { Contour(in, kUnitSquare, true, true); }).SurfaceArea, -1.0);
-    auto unfinished = Measure([](Input& in) {
-        in.StartContour(e2DSliceVectorType_Border);
-        for (const auto& p : kUnitSquare)
-            in.AddContourPoint(p.first, p.second);
-        in.StartContour(e2DSliceVectorType_Border);
-        in.AddContourPoint(5, 5);
-        in.AddContourPoint(5, 8);
-    });
-    EXPECT_DOUBLE_EQ(unfinished.SurfaceArea, 1.0);
-    EXPECT_DOUBLE_EQ(unfinished.ContourLength, 10.0);
+    EXPECT_EQ(Measure([](Input& in) { Contour(in, {{0, 0}, {3, 4}, {6, 0}}, false); }), Measured(0.0, 10.0));
+    EXPECT_EQ(Measure([](Input& in) { Contour(in, {{0, 0}, {3, 4}, {6, 0}}); }), Measured(12.0, 16.0));
+    // Inverting negates the area; a contour left under way is finished without inverting,
+    // also by the reader's destructor.
+    EXPECT_EQ(Measure([](Input& in) { Contour(in, kUnitSquare, true, true); }), Measured(-1.0, 4.0));
+    EXPECT_EQ(Measure([](Input& in) {
+                  in.StartContour(e2DSliceVectorType_Border);
+                  for (const auto& p : kUnitSquare)
+                      in.AddContourPoint(p.first, p.second);
+                  in.StartContour(e2DSliceVectorType_Border);
+                  in.AddContourPoint(5, 5);
+                  in.AddContourPoint(5, 8);
+              }),
+              Measured(1.0, 10.0));
 }
 
 TEST(MLayerScanner, StartsFromAClearedInfoAndCountsEveryBlock)
@@ -85,11 +83,10 @@ TEST(MLayerScanner, StartsFromAClearedInfoAndCountsEveryBlock)
     info.SurfaceArea = 3.0;
     info.Area.Extend(-100, -100);
     I2DSliceIO::MLayerScanner scanner(info);
-    EXPECT_EQ(info.Z, M2DSLICE_UNSET);
-    EXPECT_EQ(info.NumContours, 0u);
-    EXPECT_EQ(info.SurfaceArea, 0.0);
+    EXPECT_EQ(std::make_tuple(info.Z, info.NumContours, info.SurfaceArea), std::make_tuple(M2DSLICE_UNSET, 0u, 0.0));
     EXPECT_TRUE(info.Area.IsEmpty());
 
+    // Unlike the reader, the scanner counts a second block of an equal label apart.
     const M2DSliceVectorTypeInfo label(e2DSliceVectorType_Hatch);
     scanner.StartPointBlock(label);
     scanner.AddPoint(3, -4);
@@ -117,29 +114,23 @@ TEST_F(MLayerReaderTest, DecidesTheOuterFlagByTheArea)
     Contour(reader, kUnitSquare);
     Contour(reader, kUnitSquare, true, true);
     reader.GetContourTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 7);
-    EXPECT_EQ(slice.GetZ(), 42);
-    EXPECT_EQ(info.Z, 42);
+    EXPECT_EQ(std::make_pair(slice.GetZ(), info.Z), std::make_pair(42, 42));
     ASSERT_EQ(reader.GetNumContours(), 2u);
     const M2DSliceContour& outer = *slice.GetSliceBorder()->GetFirstContour();
     const M2DSliceContour& inverted = *slice.GetSliceBorder()->GetLastContour();
     EXPECT_TRUE(outer.GetIsOuterContour()); // despite SetContourOuter(false)
     EXPECT_FALSE(inverted.GetIsOuterContour());
-    EXPECT_EQ(testformat::Points(inverted), (Path{{1, 0}, {1, 1}, {0, 1}, {0, 0}}));
-    EXPECT_EQ(inverted.GetTypeInfo().GetIndex(e2DSliceVectorTypeIndex_Part), 7);
+    EXPECT_EQ(ts::PointsOf(inverted), (Points{{1, 0}, {1, 1}, {0, 1}, {0, 0}}));
+    EXPECT_EQ(ts::PartOf(inverted), 7);
     EXPECT_EQ(outer.GetTypeInfo().GetType(), e2DSliceVectorType_Border);
 }
 
-TEST_F(MLayerReaderTest, DestructorFinishesTheContourUnderWay)
+TEST_F(MLayerReaderTest, LabelsCanBeSetWithNothingToLabel)
 {
-    {
-        I2DSliceIO::MLayerReader local(slice, info);
-        local.StartContour(e2DSliceVectorType_Border);
-        local.SetContourOuter(false);
-        for (const auto& p : kUnitSquare)
-            local.AddContourPoint(p.first, p.second);
-    }
-    EXPECT_DOUBLE_EQ(info.SurfaceArea, 1.0);
-    EXPECT_TRUE(slice.GetSliceBorder()->GetFirstContour()->GetIsOuterContour());
+    reader.GetContourTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
+    reader.GetVectorBlockTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
+    reader.GetPointBlockTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
+    EXPECT_EQ(slice.GetSliceBorder()->GetNumContours() + slice.GetVectors()->GetNumVectorBlocks(), 0u);
 }
 
 TEST_F(MLayerReaderTest, EndVectorBlockRemovesOnlyEmptyBlocks)
@@ -169,20 +160,10 @@ TEST_F(MLayerReaderTest, EqualPointBlockLabelsShareOneBlock)
     reader.AddPoint(3, 3);
     reader.StartPointBlock(b);
     reader.EndPointBlock(); // empty: removed
-    const M2DSlicePointLayer& points = *slice.GetPoints();
     ASSERT_EQ(reader.GetNumPointBlocks(), 2u);
-    EXPECT_EQ(points.GetLastPointBlock()->Points.size(), 2u);
+    EXPECT_EQ(slice.GetPoints()->GetLastPointBlock()->Points.size(), 2u);
     EXPECT_EQ(*reader.GetPointBlockTypeInfo(), a);
     EXPECT_EQ(info.Area, (M2DSliceXYArea{1, 3, 1, 3}));
-}
-
-TEST_F(MLayerReaderTest, LabelsCanBeSetWithNothingToLabel)
-{
-    reader.GetContourTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
-    reader.GetVectorBlockTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
-    reader.GetPointBlockTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
-    EXPECT_TRUE(slice.IsEmpty());
-    EXPECT_EQ(slice.GetSliceBorder()->GetNumContours() + slice.GetVectors()->GetNumVectorBlocks(), 0u);
 }
 
 } // namespace

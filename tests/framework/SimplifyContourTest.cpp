@@ -1,25 +1,24 @@
-#include <gtest/gtest.h>
-
 #include <cfloat>
 
-#include "tests/framework/TestFormat.h"
+#include "framework/I2DSliceIO.h"
+#include "tests/TestSupport.h"
 
 namespace {
 
-using Path = std::vector<std::pair<int, int>>;
+using ts::Points;
 
-Path Simplify(std::initializer_list<std::pair<int, int>> points, bool closed = true, double maxError = 5.0)
+Points Simplify(const Points& points, bool closed = true, double maxError = 5.0)
 {
-    M2DSlice slice;
-    M2DSliceContour* contour = testformat::AddContour(slice, points, closed);
+    M2DSliceContourLayer layer;
+    M2DSliceContour* contour = ts::AddContour(layer, points, closed);
     I2DSliceIO::SimplifyContour(*contour, maxError, DBL_MAX);
-    return testformat::Points(*contour);
+    return ts::PointsOf(*contour);
 }
 
 TEST(I2DSliceIOSimplifyContour, RemovesCollinearAndCoincidentPointsOnly)
 {
-    const Path square{{0, 0}, {100, 0}, {100, 100}, {0, 100}};
-    EXPECT_EQ(Simplify({{0, 0}, {100, 0}, {100, 100}, {0, 100}}), square);
+    const Points square{{0, 0}, {100, 0}, {100, 100}, {0, 100}};
+    EXPECT_EQ(Simplify(square), square);
     EXPECT_EQ(Simplify({{0, 0}, {50, 0}, {100, 0}, {100, 100}, {0, 100}}), square);
     EXPECT_EQ(Simplify({{0, 0}, {100, 0}, {100, 0}, {100, 100}, {0, 100}}), square);
     // A point off the chord by less than the tolerance goes, one further off stays.
@@ -32,9 +31,9 @@ TEST(I2DSliceIOSimplifyContour, RemovesCollinearAndCoincidentPointsOnly)
 
 TEST(I2DSliceIOSimplifyContour, KeepsTheEndsOfOpenContours)
 {
-    EXPECT_EQ(Simplify({{0, 0}, {50, 1}, {100, 0}, {150, 2}}, false), (Path{{0, 0}, {150, 2}}));
+    EXPECT_EQ(Simplify({{0, 0}, {50, 1}, {100, 0}, {150, 2}}, false), (Points{{0, 0}, {150, 2}}));
     // A closed contour is thinned down to two points; the reader then drops it.
-    EXPECT_EQ(Simplify({{0, 0}, {50, 0}, {100, 0}}, true), (Path{{0, 0}, {100, 0}}));
+    EXPECT_EQ(Simplify({{0, 0}, {50, 0}, {100, 0}}, true), (Points{{0, 0}, {100, 0}}));
     EXPECT_EQ(Simplify({{0, 0}, {0, 0}}, false).size(), 2u); // under three points: untouched
 }
 
@@ -42,13 +41,12 @@ TEST(I2DSliceIOSimplifyContour, AccumulatedErrorStopsFurtherRemovals)
 {
     // Alone, (2000, 0) lies 2.7 off the chord and would go; after (1000, 3) went with an
     // error of 3 beside it, 3 + 2.7 passes the tolerance and it stays.
-    EXPECT_EQ(Simplify({{0, 0}, {1000, 3}, {2000, 0}, {3000, 4}, {4000, 0}, {4000, 4000}, {0, 4000}}),
-              (Path{{0, 0}, {2000, 0}, {4000, 0}, {4000, 4000}, {0, 4000}}));
+    const Points wavy{{0, 0}, {1000, 3}, {2000, 0}, {3000, 4}, {4000, 0}, {4000, 4000}, {0, 4000}};
+    EXPECT_EQ(Simplify(wavy), (Points{{0, 0}, {2000, 0}, {4000, 0}, {4000, 4000}, {0, 4000}}));
     EXPECT_EQ(Simplify({{0, 0}, {2000, 0}, {3000, 4}, {4000, 0}, {4000, 4000}, {0, 4000}}),
-              (Path{{0, 0}, {3000, 4}, {4000, 0}, {4000, 4000}, {0, 4000}}));
+              (Points{{0, 0}, {3000, 4}, {4000, 0}, {4000, 4000}, {0, 4000}}));
     // With a wide tolerance the whole edge goes.
-    EXPECT_EQ(Simplify({{0, 0}, {1000, 3}, {2000, 0}, {3000, 4}, {4000, 0}, {4000, 4000}, {0, 4000}}, true, 100.0),
-              (Path{{0, 0}, {4000, 0}, {4000, 4000}, {0, 4000}}));
+    EXPECT_EQ(Simplify(wavy, true, 100.0), (Points{{0, 0}, {4000, 0}, {4000, 4000}, {0, 4000}}));
 }
 
 } // namespace

@@ -2,9 +2,9 @@
 #include <cstdio>
 #include <ctime>
 
-#include "CliTestSupport.h"
+#include "tests/TestSupport.h"
 
-using namespace clitest;
+using namespace ts;
 
 namespace {
 
@@ -17,19 +17,6 @@ std::string Today()
     return text;
 }
 
-// The text between "$$VERSION/200\n" and "$$DATE/".
-std::string LabelLines(const std::string& file)
-{
-    const std::size_t from = file.find("$$VERSION/200\n") + 14;
-    return file.substr(from, file.find("$$DATE/") - from);
-}
-
-// Square P0..P3 of 10 mm side, outer sense in memory.
-void AddSquare(M2DSlice& slice, int size = 100000)
-{
-    AddContour(slice, {{0, 0}, {0, size}, {size, size}, {size, 0}}, true, true);
-}
-
 struct LabelledCli : M2DSliceIO_cli
 {
     LabelledCli(int firstLabel, bool hatched)
@@ -39,50 +26,67 @@ struct LabelledCli : M2DSliceIO_cli
     }
 };
 
+// One slice per height, made by `fill`.
+template <typename Fill>
+std::unique_ptr<M2DSliceStack> Stack(std::initializer_list<int> heights, Fill fill)
+{
+    auto stack = std::make_unique<M2DSliceStack>();
+    for (int z : heights)
+    {
+        M2DSlice slice;
+        slice.SetZ(z);
+        fill(slice, z);
+        stack->AddSlice(slice, false);
+    }
+    return stack;
+}
+
 } // namespace
 
 TEST(M2DSliceIO_cliWriter, HeaderPlaceholdersThenPatchAtCloseByteExact)
 {
-    M2DSliceStack stack;
-    M2DSlice slice;
-    slice.SetZ(5000);
-    AddSquare(slice);
-    stack.AddSlice(slice, false);
-    const std::string path = TempPath("header.cli");
-
+    ScratchDir dir;
+    // Square P0..P3 of 10 mm side, outer sense in memory.
+    auto stack = Stack({5000}, [](M2DSlice& s, int) { AddContour(s, Square(0, 0, 100000)); });
+    const std::string path = dir.File("header.cli");
     M2DSliceIO_cli io;
     ASSERT_TRUE(io.OpenFile(Wide(path), I2DSliceIO::Write));
-    ASSERT_TRUE(io.WriteHeader({&stack}, 10000, 1));
+    ASSERT_TRUE(io.WriteHeader({stack.get()}, 10000, 1));
     ASSERT_TRUE(io.FlushFile());
-    const std::string zero = "0.000000000000000";
-    const std::string head = "$$HEADERSTART\n$$BINARY\n$$UNITS/1.000000000000000\n$$VERSION/200\n$$LABEL/0,part1\n$$DATE/";
-    EXPECT_EQ(ReadFile(path), head + Today() + "\n$$DIMENSION/" + zero + "," + zero + "," + zero + "," + zero + "," +
-                                  zero + "," + zero + "\n$$LAYERS/000000\n$$HEADEREND");
+    const std::string zero = "0.000000000000000", ten = "10.00000000000000", half = "0.500000000000000";
+    const std::string head =
+        "$$HEADERSTART\n$$BINARY\n$$UNITS/1.000000000000000\n$$VERSION/200\n$$LABEL/0,part1\n$$DATE/" + Today();
+    auto dimension = [](const std::vector<std::string>& v) {
+        return "\n$$DIMENSION/" + v[0] + "," + v[1] + "," + v[2] + "," + v[3] + "," + v[4] + "," + v[5];
+    };
+    EXPECT_EQ(ReadFile(path), head + dimension({zero, zero, zero, zero, zero, zero}) + "\n$$LAYERS/000000\n$$HEADEREND");
     EXPECT_EQ(ReadFile(path).size(), 240u);
 
     M2DSliceConstDataItems items;
-    stack.GetSliceItems(items, 0);
-    ASSERT_TRUE(io.WriteLayer({&stack}, items));
-    ASSERT_TRUE(io.WriteFooter({&stack}));
+    stack->GetSliceItems(items, 0);
+    ASSERT_TRUE(io.WriteLayer({stack.get()}, items));
+    ASSERT_TRUE(io.WriteFooter({stack.get()}));
     ASSERT_TRUE(io.CloseFile());
-
     // Reverse order from the last point, which closes the polyline again: P3 P2 P1 P0 P3.
     const Bytes layer = Bytes()
                             .u16(127).f32(0.5f)
                             .u16(130).u32(0).u32(1).u32(5)
                             .f32(10).f32(0).f32(10).f32(10).f32(0).f32(10).f32(0).f32(0).f32(10).f32(0);
-    const std::string ten = "10.00000000000000", half = "0.500000000000000";
-    EXPECT_EQ(ReadFile(path), head + Today() + "\n$$DIMENSION/" + zero + "," + zero + "," + half + "," + ten + "," +
-                                  ten + "," + half + "\n$$LAYERS/000001\n$$HEADEREND" + layer.s);
+    EXPECT_EQ(ReadFile(path),
+              head + dimension({zero, zero, half, ten, ten, half}) + "\n$$LAYERS/000001\n$$HEADEREND" + layer.s);
 }
 
 TEST(M2DSliceIO_cliWriter, LabelLinesAreCutAtTwentyBytes)
 {
+    ScratchDir dir;
     M2DSliceStack a, b;
-    const std::string path = TempPath("labels.cli");
+    const std::string path = dir.File("labels.cli");
+    // The text between "$$VERSION/200\n" and "$$DATE/".
     auto labels = [&](M2DSliceIO_cli& io, const std::vector<const ISource2DSlices*>& sources) {
         EXPECT_TRUE(io.OpenFile(Wide(path), I2DSliceIO::Write) && io.WriteHeader(sources, 10000, 1) && io.CloseFile());
-        return LabelLines(ReadFile(path));
+        const std::string file = ReadFile(path);
+        const std::size_t from = file.find("$$VERSION/200\n") + 14;
+        return file.substr(from, file.find("$$DATE/") - from);
     };
     M2DSliceIO_cli plain;
     EXPECT_EQ(labels(plain, {}), "$$LABEL/0,part1\n"); // append mode: no sources
@@ -98,26 +102,22 @@ TEST(M2DSliceIO_cliWriter, LabelLinesAreCutAtTwentyBytes)
 
 TEST(M2DSliceIO_cliWriter, ShortFormSplitsHatchRecordsAndWrapsCoordinates)
 {
+    ScratchDir dir;
     // Inverse resolution 1000: one step is 10 internal units.
     std::vector<M2DSliceVector> hatches;
     hatches.emplace_back(-20, -5, 15, 14); // -1.5, 0, 2, 1.9 steps before truncation
     for (int k = 1; k < 70000; ++k)
         hatches.emplace_back(10 * (k % 60000), 0, 10, 20);
-    M2DSliceStack stack;
-    M2DSlice slice;
-    slice.SetZ(5000);
-    AddHatches(slice, hatches);
-    stack.AddSlice(slice, false);
+    auto stack = Stack({5000}, [&](M2DSlice& s, int) { AddHatches(s, hatches); });
     M2DSliceIO_cli io;
     io.SetCoordinatesType(M2DSliceIO_cli::Short);
-    const std::string path = TempPath("short.cli");
-    ASSERT_TRUE(WriteCli(io, {&stack}, path, 10000, 1000));
+    const std::string path = dir.File("short.cli");
+    ASSERT_TRUE(WriteCli(io, {stack.get()}, path, 10000, 1000));
 
     const std::string file = ReadFile(path);
-    const std::size_t h = file.find("$$HEADEREND") + 11;
-    ASSERT_EQ(file.size(), h + 4 + 6 + 65535 * 8 + 6 + 4465 * 8);
+    const std::size_t h = file.find("$$HEADEREND") + 11, second = h + 4 + 6 + 65535 * 8;
+    ASSERT_EQ(file.size(), second + 6 + 4465 * 8);
     EXPECT_EQ(file.substr(h, 18), Bytes().u16(128).u16(500).u16(131).u16(0).u16(65535).u16(65535).u16(0).u16(2).u16(1).s);
-    const std::size_t second = h + 4 + 6 + 65535 * 8;
     EXPECT_EQ(file.substr(second - 8, 22), Bytes()
                                                .u16(5534).u16(0).u16(1).u16(2) // vector 65534
                                                .u16(131).u16(0).u16(4465)
@@ -136,19 +136,16 @@ TEST(M2DSliceIO_cliWriter, ShortFormSplitsHatchRecordsAndWrapsCoordinates)
 
 TEST(M2DSliceIO_cliWriter, SourceDecidesOrderAndIdsFollowSlices)
 {
-    M2DSliceStack first, second;
-    second.GetIOParametersUpdate().BordersFirst = false;
-    for (M2DSliceStack* stack : {&first, &second})
-    {
-        M2DSlice slice;
-        slice.SetZ(10000);
-        AddContour(slice, {{0, 0}, {10000, 0}}, false, false);
-        AddHatches(slice, {M2DSliceVector(0, 0, 10000, 20000)});
-        stack->AddSlice(slice, false);
-    }
+    ScratchDir dir;
+    auto fill = [](M2DSlice& s, int) {
+        AddContour(s, {{0, 0}, {10000, 0}}, false);
+        AddHatches(s, {M2DSliceVector(0, 0, 10000, 20000)});
+    };
+    auto first = Stack({10000}, fill), second = Stack({10000}, fill);
+    second->GetIOParametersUpdate().BordersFirst = false;
     M2DSliceIO_cli io;
-    const std::string path = TempPath("order.cli");
-    ASSERT_TRUE(WriteCli(io, {&first, &second}, path));
+    const std::string path = dir.File("order.cli");
+    ASSERT_TRUE(WriteCli(io, {first.get(), second.get()}, path));
     const std::string file = ReadFile(path);
     auto polyline = [](unsigned id) { return Bytes().u16(130).u32(id).u32(2).u32(2).f32(1).f32(0).f32(0).f32(0).s; };
     auto hatch = [](unsigned id) { return Bytes().u16(132).u32(id).u32(1).f32(0).f32(0).f32(1).f32(2).s; };
@@ -158,29 +155,24 @@ TEST(M2DSliceIO_cliWriter, SourceDecidesOrderAndIdsFollowSlices)
 
 TEST(M2DSliceIO_cliWriter, EstimateDiffersFromFileOnlyByHeaderSize)
 {
-    M2DSliceStack stack;
-    for (int i = 0; i < 4; ++i)
-    {
-        M2DSlice slice;
-        slice.SetZ(1000 * (i + 1));
-        AddSquare(slice, 50000 + i * 1000);
+    ScratchDir dir;
+    auto stack = Stack({1000, 2000, 3000, 4000}, [](M2DSlice& s, int z) {
+        const int i = z / 1000 - 1;
+        AddContour(s, Square(0, 0, 50000 + i * 1000));
         for (int k = 0; k < i; ++k)
-            AddContour(slice, {{1000, 1000}, {2000, 3000 + k}, {4000, 1000}}, false, false);
-        AddHatches(slice, std::vector<M2DSliceVector>(10 * i + 1, M2DSliceVector(1000, 1000, 2000, 2000)));
-        stack.AddSlice(slice, false);
-    }
+            AddContour(s, {{1000, 1000}, {2000, 3000 + k}, {4000, 1000}}, false);
+        AddHatches(s, std::vector<M2DSliceVector>(10 * i + 1, M2DSliceVector(1000, 1000, 2000, 2000)));
+    });
     for (auto type : {M2DSliceIO_cli::Long, M2DSliceIO_cli::Short})
     {
         M2DSliceIO_cli io;
         io.SetCoordinatesType(type);
         I2DSliceIOFileSizeEstimate::EstimatedRange total;
-        ASSERT_TRUE(io.EsimateTotalFileSize(stack, total));
-        EXPECT_EQ(total.ZMin, 1000);
-        EXPECT_EQ(total.ZMax, 4000);
-        const std::string path = TempPath("estimate.cli");
-        ASSERT_TRUE(WriteCli(io, {&stack}, path, 10000, 10));
+        ASSERT_TRUE(io.EsimateTotalFileSize(*stack, total));
+        EXPECT_EQ(std::make_pair(total.ZMin, total.ZMax), std::make_pair(1000, 4000));
+        const std::string path = dir.File("estimate.cli");
+        ASSERT_TRUE(WriteCli(io, {stack.get()}, path, 10000, 10));
         const std::string file = ReadFile(path);
-        const std::size_t header = file.find("$$HEADEREND") + 11;
-        EXPECT_EQ(file.size() - header, total.Size - 240) << "type " << type;
+        EXPECT_EQ(file.size() - (file.find("$$HEADEREND") + 11), total.Size - 240) << "type " << type;
     }
 }
