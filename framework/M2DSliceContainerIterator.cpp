@@ -44,12 +44,15 @@ M2DSliceContainerIterator::M2DSliceContainerIterator(const M2DSliceContainerIter
     if (!_valid)
         return;
     // The copy reads the same file through a format object of its own, so that it has its
-    // own file position: it takes over what the header told the original.
+    // own file position. The header is read again because a format may keep state from it
+    // that no property carries (an ASCII CLI file is read from layer texts in memory); then
+    // the units and statistics of the original are taken over as they stand.
     M2DSliceContainerIOProperties properties;
     other._io->GetIoProperties(properties);
-    _io->SetIoProperties(properties);
     _io->SetReadOptions(other._io->GetReadOptions());
-    _io->OpenFile(_path, I2DSliceIO::Read);
+    if (_io->OpenFile(_path, I2DSliceIO::Read))
+        _io->ReadHeader(nullptr);
+    _io->SetIoProperties(properties);
 }
 
 M2DSliceContainerIterator::~M2DSliceContainerIterator()
