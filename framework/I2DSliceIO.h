@@ -133,6 +133,8 @@ public:
         virtual void EndPointBlock() = 0;
         virtual std::uint64_t GetNumPointBlocks() const = 0;
         virtual M2DSliceVectorTypeInfo* GetPointBlockTypeInfo() = 0;
+        // n vectors at once, as n calls of AddVector would add them.
+        virtual void AddVectors(const M2DSliceVector* vectors, std::size_t n);
     };
 
     // Measures contours into a scan info: box, count, drawn length, signed area.
@@ -203,6 +205,7 @@ public:
         void EndPointBlock() override;
         std::uint64_t GetNumPointBlocks() const override;
         M2DSliceVectorTypeInfo* GetPointBlockTypeInfo() override;
+        void AddVectors(const M2DSliceVector* vectors, std::size_t n) override;
 
     private:
         MContourMeter _meter;
@@ -240,6 +243,7 @@ public:
         void EndPointBlock() override;
         std::uint64_t GetNumPointBlocks() const override;
         M2DSliceVectorTypeInfo* GetPointBlockTypeInfo() override;
+        void AddVectors(const M2DSliceVector* vectors, std::size_t n) override;
 
     private:
         MContourMeter _meter;

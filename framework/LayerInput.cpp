@@ -9,7 +9,59 @@ namespace {
 // take a large allocation before any vector has been read. Growing past it stays amortised.
 constexpr std::size_t kMaxVectorReserve = 65536;
 
+// The baseline x86-64 instruction set has no 32-bit minimum and maximum; where the loader
+// can pick a version for the processor, one with them is built too. Not under the thread
+// sanitizer, whose runtime is not up yet when the loader resolves such functions.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define SLICEIO_NO_CLONES
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define SLICEIO_NO_CLONES
+#endif
+#if defined(__x86_64__) && defined(__ELF__) && defined(__has_attribute) && !defined(SLICEIO_NO_CLONES)
+#if __has_attribute(target_clones)
+#define SLICEIO_MINMAX_CLONES __attribute__((target_clones("avx2", "default")))
+#endif
+#endif
+#ifndef SLICEIO_MINMAX_CLONES
+#define SLICEIO_MINMAX_CLONES
+#endif
+
+// Widens area by the smallest and largest x and y of the vectors, as extending it by both
+// ends of each vector would. Kept branch-free so that it runs as vector instructions.
+SLICEIO_MINMAX_CLONES void ExtendByVectors(M2DSliceXYArea& area, const M2DSliceVector* vectors, std::size_t n)
+{
+    if (n == 0)
+        return;
+    int lo[4] = {vectors[0].x1, vectors[0].x2, vectors[0].y1, vectors[0].y2};
+    int hi[4] = {lo[0], lo[1], lo[2], lo[3]};
+    for (std::size_t i = 1; i < n; ++i)
+    {
+        const M2DSliceVector& v = vectors[i];
+        lo[0] = v.x1 < lo[0] ? v.x1 : lo[0];
+        lo[1] = v.x2 < lo[1] ? v.x2 : lo[1];
+        lo[2] = v.y1 < lo[2] ? v.y1 : lo[2];
+        lo[3] = v.y2 < lo[3] ? v.y2 : lo[3];
+        hi[0] = v.x1 > hi[0] ? v.x1 : hi[0];
+        hi[1] = v.x2 > hi[1] ? v.x2 : hi[1];
+        hi[2] = v.y1 > hi[2] ? v.y1 : hi[2];
+        hi[3] = v.y2 > hi[3] ? v.y2 : hi[3];
+    }
+    area.Extend(std::min(lo[0], lo[1]), std::min(lo[2], lo[3]));
+    area.Extend(std::max(hi[0], hi[1]), std::max(hi[2], hi[3]));
+}
+
 } // namespace
+
+// ---------------------------------------------------------------- layer input
+
+void I2DSliceIO::ILayerInput::AddVectors(const M2DSliceVector* vectors, std::size_t n)
+{
+    for (std::size_t i = 0; i < n; ++i)
+        AddVector(vectors[i]);
+}
 
 // ---------------------------------------------------------------- contour meter
 
@@ -151,6 +203,16 @@ void I2DSliceIO::MLayerReader::AddVector(const M2DSliceVector& vector)
     area.Extend(vector.x2, vector.y2);
 }
 
+void I2DSliceIO::MLayerReader::AddVectors(const M2DSliceVector* vectors, std::size_t n)
+{
+    if (n == 0)
+        return;
+    if (!_block)
+        _block = _vectors->AddVectorBlockAtEnd();
+    _block->Vectors.insert(_block->Vectors.end(), vectors, vectors + n);
+    ExtendByVectors(_meter.GetInfo()->Area, vectors, n);
+}
+
 void I2DSliceIO::MLayerReader::EndVectorBlock(bool release)
 {
     if (_block && _block->Vectors.empty())
@@ -264,6 +326,11 @@ void I2DSliceIO::MLayerScanner::AddVector(const M2DSliceVector& vector)
 {
     _info->Area.Extend(vector.x1, vector.y1);
     _info->Area.Extend(vector.x2, vector.y2);
+}
+
+void I2DSliceIO::MLayerScanner::AddVectors(const M2DSliceVector* vectors, std::size_t n)
+{
+    ExtendByVectors(_info->Area, vectors, n);
 }
 
 void I2DSliceIO::MLayerScanner::EndVectorBlock(bool /*release*/) {}

@@ -1,7 +1,11 @@
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#if defined(__SSE2__)
+#include <immintrin.h>
+#endif
 
 #include "../../contracts/StringConversion.h"
 #include "M2DSliceIO_cli.h"
@@ -34,6 +38,144 @@ inline float LoadFloat(const unsigned char* p)
 }
 
 inline unsigned LoadU16(const unsigned char* p) { return p[0] | unsigned{p[1]} << 8; }
+
+// Vectors converted and handed on at a time: small enough for the raw values, the
+// coordinates and the vectors to stay in the first-level cache together.
+constexpr std::size_t kVectorChunk = 1024;
+
+template <bool IsLong>
+inline double RawValue(const unsigned char* raw, std::size_t i)
+{
+    if (IsLong)
+        return LoadFloat(raw + 4 * i);
+    return LoadU16(raw + 2 * i);
+}
+
+// Converts n raw values to internal units, each Round(value * c). The loop rounds without
+// a branch on the value and without a library call; it is exact only for products inside
+// int, so anything else (huge, infinite, not a number) is replaced by zero there and the
+// whole run is done again the slow way.
+template <bool IsLong>
+void ConvertValues(const unsigned char* raw, std::size_t n, double c, int* out)
+{
+    constexpr double kLimit = 2147483647.0;
+    unsigned outside = 0;
+    for (std::size_t i = 0; i < n; ++i)
+    {
+        const double x = RawValue<IsLong>(raw, i) * c;
+        const bool inside = std::fabs(x) < kLimit;
+        outside |= !inside;
+        const double safe = inside ? x : 0.0;
+        const int whole = static_cast<int>(safe);
+        const double fraction = safe - static_cast<double>(whole);
+        out[i] = whole + (fraction >= 0.5) - (fraction <= -0.5);
+    }
+    if (outside)
+        for (std::size_t i = 0; i < n; ++i)
+            out[i] = Round(RawValue<IsLong>(raw, i) * c);
+}
+
+void ConvertValues(const unsigned char* raw, std::size_t n, bool isLong, double c, int* out)
+{
+    if (isLong)
+        ConvertValues<true>(raw, n, c, out);
+    else
+        ConvertValues<false>(raw, n, c, out);
+}
+
+#if defined(__SSE2__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+// Two products rounded half away from zero: x + (one half less 2^-54, with the sign of x),
+// truncated. For |x| below 2^31 this is exact: with f the fraction of x and k its whole
+// part, the sum reaches k + 1 (rounding to it at worst) when f >= 1/2 and stays below the
+// greatest double under k + 1 when f < 1/2, which is then at most one half less a step of x.
+// The truncation gives INT_MIN for anything out of range or not a number.
+inline __m128i RoundPair(__m128d x)
+{
+    const __m128d sign = _mm_and_pd(x, _mm_set1_pd(-0.0));
+    const __m128d half = _mm_or_pd(_mm_set1_pd(0.49999999999999994), sign);
+    return _mm_cvttpd_epi32(_mm_add_pd(x, half));
+}
+
+// x1, y1, x2, y2 as two pairs of values to one vector; a coordinate of INT_MIN (which stands
+// for any product out of range) is noted in suspect.
+inline void StoreVector(__m128d first, __m128d second, __m128d factor, __m128i& suspect, M2DSliceVector* out)
+{
+    const __m128i a = RoundPair(_mm_mul_pd(first, factor));
+    const __m128i b = RoundPair(_mm_mul_pd(second, factor));
+    const __m128i fileOrder = _mm_unpacklo_epi64(a, b);
+    suspect = _mm_or_si128(suspect, _mm_cmpeq_epi32(fileOrder, _mm_set1_epi32(INT32_MIN)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_shuffle_epi32(fileOrder, _MM_SHUFFLE(3, 1, 2, 0)));
+}
+
+#if defined(__x86_64__) && defined(__GNUC__)
+// The same four coordinates at a time, for processors with AVX.
+__attribute__((target("avx"))) bool ConvertLongVectorsAvx(const unsigned char* raw, std::size_t m, double c,
+                                                           M2DSliceVector* out)
+{
+    const __m256d factor = _mm256_set1_pd(c);
+    const __m256d signBit = _mm256_set1_pd(-0.0);
+    const __m256d almostHalf = _mm256_set1_pd(0.49999999999999994);
+    __m128i suspect = _mm_setzero_si128();
+    for (std::size_t i = 0; i < m; ++i)
+    {
+        const __m256d x = _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(reinterpret_cast<const float*>(raw + 16 * i))), factor);
+        const __m256d half = _mm256_or_pd(_mm256_and_pd(x, signBit), almostHalf);
+        const __m128i fileOrder = _mm256_cvttpd_epi32(_mm256_add_pd(x, half));
+        suspect = _mm_or_si128(suspect, _mm_cmpeq_epi32(fileOrder, _mm_set1_epi32(INT32_MIN)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_shuffle_epi32(fileOrder, _MM_SHUFFLE(3, 1, 2, 0)));
+    }
+    return _mm_movemask_epi8(suspect) == 0;
+}
+
+bool HasAvx()
+{
+    static const bool has = (__builtin_cpu_init(), __builtin_cpu_supports("avx"));
+    return has;
+}
+#endif
+
+// Converts m vectors of the record to out; false, with out unfinished, when a product may be
+// out of range.
+bool ConvertVectorsFast(const unsigned char* raw, std::size_t m, bool isLong, double c, M2DSliceVector* out)
+{
+    static_assert(sizeof(M2DSliceVector) == 16, "four ints, x1, x2, y1, y2");
+#if defined(__x86_64__) && defined(__GNUC__)
+    if (isLong && HasAvx())
+        return ConvertLongVectorsAvx(raw, m, c, out);
+#endif
+    const __m128d factor = _mm_set1_pd(c);
+    __m128i suspect = _mm_setzero_si128();
+    if (isLong)
+        for (std::size_t i = 0; i < m; ++i)
+        {
+            const __m128 values = _mm_loadu_ps(reinterpret_cast<const float*>(raw + 16 * i));
+            StoreVector(_mm_cvtps_pd(values), _mm_cvtps_pd(_mm_movehl_ps(values, values)), factor, suspect, out + i);
+        }
+    else
+        for (std::size_t i = 0; i < m; ++i)
+        {
+            const __m128i values = _mm_unpacklo_epi16(
+                _mm_loadl_epi64(reinterpret_cast<const __m128i*>(raw + 8 * i)), _mm_setzero_si128());
+            StoreVector(_mm_cvtepi32_pd(values), _mm_cvtepi32_pd(_mm_shuffle_epi32(values, _MM_SHUFFLE(1, 0, 3, 2))),
+                        factor, suspect, out + i);
+        }
+    return _mm_movemask_epi8(suspect) == 0;
+}
+#else
+bool ConvertVectorsFast(const unsigned char*, std::size_t, bool, double, M2DSliceVector*) { return false; }
+#endif
+
+// Converts m whole vectors of the record, in the file's order x1, y1, x2, y2, to out.
+// coords is room for 4 m coordinates.
+void ConvertVectors(const unsigned char* raw, std::size_t m, bool isLong, double c, int* coords,
+                    M2DSliceVector* out)
+{
+    if (ConvertVectorsFast(raw, m, isLong, c, out))
+        return;
+    ConvertValues(raw, 4 * m, isLong, c, coords);
+    for (std::size_t i = 0; i < m; ++i)
+        out[i] = M2DSliceVector(coords[4 * i], coords[4 * i + 1], coords[4 * i + 2], coords[4 * i + 3]);
+}
 
 // The pieces of text between the separators; an empty text gives one empty piece.
 void Split(const std::string& text, char separator, std::vector<std::string>& pieces)
@@ -226,13 +368,7 @@ bool M2DSliceIO_cli::_ReadCoordinates(std::size_t count, bool isLong, std::size_
     const std::size_t got = _file.ReadBytes(_buffer.data(), bytes) / width;
     const auto* raw = reinterpret_cast<const unsigned char*>(_buffer.data());
     int* out = _coords.data();
-    const double c = _GetConversionFactor();
-    if (isLong)
-        for (std::size_t i = 0; i < got; ++i)
-            out[i] = Round(LoadFloat(raw + 4 * i) * c);
-    else
-        for (std::size_t i = 0; i < got; ++i)
-            out[i] = Round(LoadU16(raw + 2 * i) * c);
+    ConvertValues(raw, got, isLong, _GetConversionFactor(), out);
     for (std::size_t i = got; i < count; ++i)
         out[i] = i >= stride ? out[i - stride] : 0;
     return true;
@@ -298,12 +434,40 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, bool readVect
         const std::uint64_t bytes = count * (isLong ? 4 : 2);
         return _FitsInFile(bytes, fileSize) && _file.SEEK(static_cast<std::int64_t>(bytes), 1);
     }
-    if (!_ReadCoordinates(count, isLong, 4, fileSize))
+    const std::size_t width = isLong ? 4 : 2;
+    const std::size_t bytes = count * width;
+    if (!_FitsInFile(bytes, fileSize))
         return false;
-    input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Hatch), 0);
-    const int* p = _coords.data();
-    for (std::size_t i = 0; i < count; i += 4)
-        input.AddVector(M2DSliceVector(p[i], p[i + 1], p[i + 2], p[i + 3]));
+    if (_buffer.size() < bytes)
+        _buffer.resize(bytes);
+    const std::size_t got = _file.ReadBytes(_buffer.data(), bytes) / width;
+    const auto* raw = reinterpret_cast<const unsigned char*>(_buffer.data());
+    const double c = _GetConversionFactor();
+    // The file holds the n vectors, so n is a fair reserve.
+    input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Hatch), n);
+
+    int coords[4 * kVectorChunk];
+    M2DSliceVector vectors[kVectorChunk];
+    M2DSliceVector last(0, 0, 0, 0);
+    const std::size_t whole = got / 4;
+    for (std::size_t start = 0; start < whole; start += kVectorChunk)
+    {
+        const std::size_t m = std::min(kVectorChunk, whole - start);
+        ConvertVectors(raw + 4 * width * start, m, isLong, c, coords, vectors);
+        input.AddVectors(vectors, m);
+        last = vectors[m - 1];
+    }
+    if (whole == n)
+        return true;
+
+    // A read that came up short: each missing coordinate keeps the value of the same
+    // coordinate of the vector before it (0 in the first vector), and so every vector after
+    // the cut repeats the one it cuts.
+    int tail[4] = {last.x1, last.y1, last.x2, last.y2};
+    ConvertValues(raw + 4 * width * whole, got - 4 * whole, isLong, c, tail);
+    const M2DSliceVector repeated(tail[0], tail[1], tail[2], tail[3]);
+    for (std::size_t i = whole; i < n; ++i)
+        input.AddVector(repeated);
     return true;
 }
 

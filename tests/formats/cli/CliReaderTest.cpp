@@ -1,5 +1,9 @@
 // The CLI reader: round trips, polyline chaining, hand-made records, ASCII files, scanning,
 // and files that are cut short or corrupted.
+#include <cmath>
+#include <limits>
+#include <random>
+
 #include "framework/M2DSliceContainerIterator.h"
 #include "tests/TestSupport.h"
 
@@ -255,4 +259,84 @@ TEST(M2DSliceIO_cliReader, TruncatedOrCorruptedFilesEndCleanly)
         EXPECT_TRUE(ReadCli(io, path).empty());
         EXPECT_TRUE(ReadCli(io, path, false).empty());
     }
+}
+
+TEST(M2DSliceIO_cliReader, LargeHatchRecordsRoundEveryCoordinateExactly)
+{
+    // Records longer than the reader converts at a time, with halves, their neighbours
+    // either side, ordinary values and (in the last record) values no int can hold. Each
+    // coordinate must be lround(value x factor) and the box the extremes of the vectors.
+    ScratchDir dir;
+    const std::string path = dir.File("rounding.cli");
+    const float outside[] = {1e30f, -1e30f, std::numeric_limits<float>::infinity(), std::nanf(""), 4.3e9f};
+    // Units 0.00005: factor 0.5, so odd values land on halves; units 0.3: factor 10000 / 3.
+    for (const char* units : {"0.00005", "0.3"})
+        for (bool isLong : {true, false})
+        {
+            SCOPED_TRACE(std::string(units) + (isLong ? " long" : " short"));
+            const double c = std::string(units) == "0.3" ? 10000.0 / 3 : 0.5;
+            std::mt19937 random(7);
+            std::vector<float> values;
+            for (std::size_t i = 0; i < 4 * 2500; ++i)
+            {
+                const float odd = static_cast<float>(2 * (random() % 30000) + 1);
+                const float pick[] = {odd, -odd, std::nextafter(odd, 0.0f), std::nextafter(odd, 1e9f),
+                                      std::uniform_real_distribution<float>(-1e5f, 1e5f)(random)};
+                values.push_back(isLong ? pick[random() % 5] : static_cast<float>(random() % 65536));
+            }
+            if (!isLong)
+                values.back() = values[values.size() - 2] = 65535; // the top corner comes last
+            const std::size_t bad = isLong ? 4 * 1100 : values.size(); // where a second record starts
+            Bytes file;
+            file.text(Header(units)).u16(127).f32(0);
+            for (std::size_t start : {std::size_t{0}, bad})
+            {
+                const std::size_t end = start == 0 ? bad : values.size();
+                if (start == end)
+                    continue;
+                if (start > 0)
+                    for (std::size_t k = 0; k < 5; ++k)
+                        values[start + 1 + 1300 * k] = outside[k];
+                if (isLong)
+                    file.u16(132).u32(3).u32(static_cast<std::uint32_t>((end - start) / 4));
+                else
+                    file.u16(131).u16(3).u16(static_cast<unsigned>((end - start) / 4));
+                for (std::size_t i = start; i < end; ++i)
+                    isLong ? file.f32(values[i]) : file.u16(static_cast<unsigned>(values[i]));
+            }
+            WriteFile(path, file.s);
+
+            M2DSliceIO_cli io;
+            const std::vector<M2DSlice> layers = ReadCli(io, path);
+            ASSERT_EQ(layers.size(), 1u);
+            std::vector<M2DSliceVector> got;
+            const M2DSliceVectorLayer* blocks = layers[0].GetVectors();
+            for (std::size_t b = 0; b < blocks->GetNumVectorBlocks(); ++b)
+                got.insert(got.end(), blocks->GetVectorBlock(b)->Vectors.begin(), blocks->GetVectorBlock(b)->Vectors.end());
+            ASSERT_EQ(got.size() * 4, values.size());
+            M2DSliceXYArea box;
+            for (std::size_t i = 0; i < values.size(); ++i)
+            {
+                const M2DSliceVector& v = got[i / 4];
+                const int coordinate[] = {v.x1, v.y1, v.x2, v.y2};
+                const double product = static_cast<double>(values[i]) * c;
+                if (std::fabs(product) < 2e9)
+                {
+                    ASSERT_EQ(coordinate[i % 4], std::lround(product)) << i << ": " << values[i];
+                }
+                if (i % 4 == 3)
+                {
+                    box.Extend(v.x1, v.y1);
+                    box.Extend(v.x2, v.y2);
+                }
+            }
+            if (bad == values.size())
+            {
+                EXPECT_EQ(layers[0].GetXYArea(false), box);
+                M2DSliceContainerScanInfo info;
+                ASSERT_TRUE(io.OpenFile(Wide(path), I2DSliceIO::Read) && io.ReadHeader(nullptr));
+                ASSERT_TRUE(io.ScanLayer(info, nullptr, true));
+                EXPECT_EQ(info.Area, box);
+            }
+        }
 }
