@@ -135,6 +135,10 @@ public:
         virtual M2DSliceVectorTypeInfo* GetPointBlockTypeInfo() = 0;
         // n vectors at once, as n calls of AddVector would add them.
         virtual void AddVectors(const M2DSliceVector* vectors, std::size_t n);
+        // True for an input that only measures: a format may then hand over the box of a run
+        // of vectors (AddVectorsArea) instead of the vectors themselves.
+        virtual bool MeasuresOnly() const { return false; }
+        virtual void AddVectorsArea(const M2DSliceXYArea& /*area*/, std::size_t /*n*/) {}
     };
 
     // Measures contours into a scan info: box, count, drawn length, signed area.
@@ -244,6 +248,8 @@ public:
         std::uint64_t GetNumPointBlocks() const override;
         M2DSliceVectorTypeInfo* GetPointBlockTypeInfo() override;
         void AddVectors(const M2DSliceVector* vectors, std::size_t n) override;
+        bool MeasuresOnly() const override { return true; }
+        void AddVectorsArea(const M2DSliceXYArea& area, std::size_t /*n*/) override { _info->Area.Extend(area); }
 
     private:
         MContourMeter _meter;

@@ -165,6 +165,56 @@ bool ConvertVectorsFast(const unsigned char* raw, std::size_t m, bool isLong, do
 bool ConvertVectorsFast(const unsigned char*, std::size_t, bool, double, M2DSliceVector*) { return false; }
 #endif
 
+// The box of n long-form vectors (x1, y1, x2, y2 floats) in internal units, from the smallest
+// and largest raw values: rounding value * c keeps the order of the values for c > 0, so
+// rounding only the extremes gives the box that rounding every value would. False when the
+// shortcut does not hold (a value not a number, or a product outside int): the caller then
+// converts every value.
+bool LongHatchBox(const unsigned char* raw, std::size_t n, double c, M2DSliceXYArea& box)
+{
+    if (n == 0 || !(c > 0.0) || !std::isfinite(c))
+        return false;
+    float lo[4], hi[4];
+    bool unordered = false;
+#if defined(__SSE2__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    __m128 vlo = _mm_loadu_ps(reinterpret_cast<const float*>(raw));
+    __m128 vhi = vlo;
+    __m128 nan = _mm_cmpunord_ps(vlo, vlo);
+    for (std::size_t i = 1; i < n; ++i)
+    {
+        const __m128 v = _mm_loadu_ps(reinterpret_cast<const float*>(raw + 16 * i));
+        vlo = _mm_min_ps(vlo, v);
+        vhi = _mm_max_ps(vhi, v);
+        nan = _mm_or_ps(nan, _mm_cmpunord_ps(v, v));
+    }
+    _mm_storeu_ps(lo, vlo);
+    _mm_storeu_ps(hi, vhi);
+    unordered = _mm_movemask_ps(nan) != 0;
+#else
+    for (int k = 0; k < 4; ++k)
+        lo[k] = hi[k] = LoadFloat(raw + 4 * k);
+    for (std::size_t i = 0; i < n; ++i)
+        for (int k = 0; k < 4; ++k)
+        {
+            const float v = LoadFloat(raw + 16 * i + 4 * k);
+            unordered |= std::isnan(v);
+            lo[k] = v < lo[k] ? v : lo[k];
+            hi[k] = v > hi[k] ? v : hi[k];
+        }
+#endif
+    if (unordered)
+        return false;
+    const double ends[4] = {std::min(lo[0], lo[2]) * c, std::min(lo[1], lo[3]) * c, std::max(hi[0], hi[2]) * c,
+                            std::max(hi[1], hi[3]) * c};
+    for (double e : ends)
+        if (!(std::fabs(e) < 2147483647.0))
+            return false;
+    box.Clear();
+    box.Extend(Round(ends[0]), Round(ends[1]));
+    box.Extend(Round(ends[2]), Round(ends[3]));
+    return true;
+}
+
 // Converts m whole vectors of the record, in the file's order x1, y1, x2, y2, to out.
 // coords is room for 4 m coordinates.
 void ConvertVectors(const unsigned char* raw, std::size_t m, bool isLong, double c, int* coords,
@@ -445,6 +495,12 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, bool readVect
     const double c = _GetConversionFactor();
     // The file holds the n vectors, so n is a fair reserve.
     input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Hatch), n);
+    M2DSliceXYArea box;
+    if (isLong && got == count && input.MeasuresOnly() && LongHatchBox(raw, n, c, box))
+    {
+        input.AddVectorsArea(box, n);
+        return true;
+    }
 
     int coords[4 * kVectorChunk];
     M2DSliceVector vectors[kVectorChunk];
