@@ -357,16 +357,26 @@ void I2DSliceIO::SimplifyContour(M2DSliceContour& contour, double maxError, doub
 
 // ---------------------------------------------------------------- text values
 
+namespace {
+
+// Skips to the first digit of the file and returns it; -1 when the file ends first.
+int SkipToDigit(MFile& file)
+{
+    int c;
+    do
+        c = file.GETC();
+    while (c >= 0 && (c < '0' || c > '9'));
+    return c;
+}
+
+} // namespace
+
 bool I2DSliceIO::_ReadTextValue(unsigned short& value)
 {
     value = 0;
-    int c;
-    do
-    {
-        c = _file.GETC();
-        if (c < 0)
-            return false;
-    } while (c < '0' || c > '9');
+    int c = SkipToDigit(_file);
+    if (c < 0)
+        return false;
     for (; c >= '0' && c <= '9'; c = _file.GETC())
         value = static_cast<unsigned short>(value * 10 + (c - '0'));
     return true;
@@ -375,13 +385,9 @@ bool I2DSliceIO::_ReadTextValue(unsigned short& value)
 bool I2DSliceIO::_ReadTextValue(float& value)
 {
     value = 0.0f;
-    int c;
-    do
-    {
-        c = _file.GETC();
-        if (c < 0)
-            return false;
-    } while (c < '0' || c > '9');
+    int c = SkipToDigit(_file);
+    if (c < 0)
+        return false;
     for (; c >= '0' && c <= '9'; c = _file.GETC())
         value = value * 10.0f + static_cast<float>(c - '0');
     if (c == ',' || c == '.')

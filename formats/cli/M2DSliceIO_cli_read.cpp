@@ -402,21 +402,32 @@ bool M2DSliceIO_cli::_FitsInFile(std::uint64_t bytes, std::int64_t fileSize) con
     return left >= 0 && bytes <= static_cast<std::uint64_t>(left);
 }
 
+// Reads the raw bytes of count values of a record into _buffer, after checking that the file
+// holds them; got is the number of whole values read. Null when the file is too short.
+const unsigned char* M2DSliceIO_cli::_ReadRawValues(std::size_t count, bool isLong, std::int64_t fileSize,
+                                                   std::size_t& got)
+{
+    const std::size_t width = isLong ? 4 : 2;
+    const std::size_t bytes = count * width;
+    if (!_FitsInFile(bytes, fileSize))
+        return nullptr;
+    if (_buffer.size() < bytes)
+        _buffer.resize(bytes);
+    got = _file.ReadBytes(_buffer.data(), bytes) / width;
+    return reinterpret_cast<const unsigned char*>(_buffer.data());
+}
+
 // Reads count coordinates of the record into _coords, in internal units, after checking
 // that the file holds them. Should a read still come up short, each missing coordinate
 // keeps the value of the same coordinate stride places before it (0 for the first ones).
 bool M2DSliceIO_cli::_ReadCoordinates(std::size_t count, bool isLong, std::size_t stride, std::int64_t fileSize)
 {
-    const std::size_t width = isLong ? 4 : 2;
-    const std::size_t bytes = count * width;
-    if (!_FitsInFile(bytes, fileSize))
+    std::size_t got;
+    const unsigned char* raw = _ReadRawValues(count, isLong, fileSize, got);
+    if (!raw)
         return false;
-    if (_buffer.size() < bytes)
-        _buffer.resize(bytes);
     if (_coords.size() < count)
         _coords.resize(count);
-    const std::size_t got = _file.ReadBytes(_buffer.data(), bytes) / width;
-    const auto* raw = reinterpret_cast<const unsigned char*>(_buffer.data());
     int* out = _coords.data();
     ConvertValues(raw, got, isLong, _GetConversionFactor(), out);
     for (std::size_t i = got; i < count; ++i)
@@ -485,13 +496,10 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, bool readVect
         return _FitsInFile(bytes, fileSize) && _file.SEEK(static_cast<std::int64_t>(bytes), 1);
     }
     const std::size_t width = isLong ? 4 : 2;
-    const std::size_t bytes = count * width;
-    if (!_FitsInFile(bytes, fileSize))
+    std::size_t got;
+    const unsigned char* raw = _ReadRawValues(count, isLong, fileSize, got);
+    if (!raw)
         return false;
-    if (_buffer.size() < bytes)
-        _buffer.resize(bytes);
-    const std::size_t got = _file.ReadBytes(_buffer.data(), bytes) / width;
-    const auto* raw = reinterpret_cast<const unsigned char*>(_buffer.data());
     const double c = _GetConversionFactor();
     // The file holds the n vectors, so n is a fair reserve.
     input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Hatch), n);
