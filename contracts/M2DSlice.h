@@ -198,29 +198,7 @@ public:
     template <class F>
     void RemoveIf(F remove)
     {
-        std::size_t kept = 0;
-        std::size_t i = 0;
-        try
-        {
-            for (; i < _blocks.size(); ++i)
-            {
-                if (remove(*_blocks[i]))
-                    delete _blocks[i];
-                else
-                    _blocks[kept++] = _blocks[i];
-            }
-        }
-        catch (...)
-        {
-            // Keep the blocks not yet visited, so that the list stays valid.
-            for (; i < _blocks.size(); ++i)
-                _blocks[kept++] = _blocks[i];
-            _blocks.resize(kept);
-            _Relink();
-            throw;
-        }
-        _blocks.resize(kept);
-        _Relink();
+        DeleteIfAndCompact(_blocks, remove, [this] { _Relink(); });
     }
 
     void MakeEmpty()

@@ -263,21 +263,13 @@ public:
     template <class F>
     void RemoveContoursIf(F remove)
     {
-        std::size_t kept = 0;
-        for (std::size_t i = 0; i < _contours.size(); ++i)
-        {
-            C* c = _contours[i];
-            if (remove(*c))
-                delete c;
-            else
-                _contours[kept++] = c;
-        }
-        _contours.resize(kept);
-        for (std::size_t i = 0; i < kept; ++i)
-        {
-            _contours[i]->_prevContour = i > 0 ? _contours[i - 1] : nullptr;
-            _contours[i]->_nextContour = i + 1 < kept ? _contours[i + 1] : nullptr;
-        }
+        DeleteIfAndCompact(_contours, remove, [this] {
+            for (std::size_t i = 0; i < _contours.size(); ++i)
+            {
+                _contours[i]->_prevContour = i > 0 ? _contours[i - 1] : nullptr;
+                _contours[i]->_nextContour = i + 1 < _contours.size() ? _contours[i + 1] : nullptr;
+            }
+        });
     }
 
     void MakeEmpty()

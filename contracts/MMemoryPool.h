@@ -174,3 +174,33 @@ private:
     std::vector<std::unique_ptr<T[]>> _blocks;
     std::size_t _size = 0;
 };
+
+// Destroys, in one pass, the owned objects of a list for which remove(object) is true and
+// closes the gaps; then calls relink(). Should remove throw, the objects not yet visited stay
+// in the list, relink() still runs, and the exception goes on.
+template <class T, class F, class R>
+void DeleteIfAndCompact(std::vector<T*>& items, F remove, R relink)
+{
+    std::size_t kept = 0;
+    std::size_t i = 0;
+    try
+    {
+        for (; i < items.size(); ++i)
+        {
+            if (remove(*items[i]))
+                delete items[i];
+            else
+                items[kept++] = items[i];
+        }
+    }
+    catch (...)
+    {
+        for (; i < items.size(); ++i)
+            items[kept++] = items[i];
+        items.resize(kept);
+        relink();
+        throw;
+    }
+    items.resize(kept);
+    relink();
+}
