@@ -403,18 +403,20 @@ bool M2DSliceIO_cli::_FitsInFile(std::uint64_t bytes, std::int64_t fileSize) con
 }
 
 // Reads the raw bytes of count values of a record into _buffer, after checking that the file
-// holds them; got is the number of whole values read. Null when the file is too short.
-const unsigned char* M2DSliceIO_cli::_ReadRawValues(std::size_t count, bool isLong, std::int64_t fileSize,
-                                                   std::size_t& got)
+// holds them; raw points at them and got is the number of whole values read. False when the
+// file is too short. (An empty record is fine: then got is 0 and raw may be null.)
+bool M2DSliceIO_cli::_ReadRawValues(std::size_t count, bool isLong, std::int64_t fileSize,
+                                    const unsigned char*& raw, std::size_t& got)
 {
     const std::size_t width = isLong ? 4 : 2;
     const std::size_t bytes = count * width;
     if (!_FitsInFile(bytes, fileSize))
-        return nullptr;
+        return false;
     if (_buffer.size() < bytes)
         _buffer.resize(bytes);
     got = _file.ReadBytes(_buffer.data(), bytes) / width;
-    return reinterpret_cast<const unsigned char*>(_buffer.data());
+    raw = reinterpret_cast<const unsigned char*>(_buffer.data());
+    return true;
 }
 
 // Reads count coordinates of the record into _coords, in internal units, after checking
@@ -423,8 +425,8 @@ const unsigned char* M2DSliceIO_cli::_ReadRawValues(std::size_t count, bool isLo
 bool M2DSliceIO_cli::_ReadCoordinates(std::size_t count, bool isLong, std::size_t stride, std::int64_t fileSize)
 {
     std::size_t got;
-    const unsigned char* raw = _ReadRawValues(count, isLong, fileSize, got);
-    if (!raw)
+    const unsigned char* raw;
+    if (!_ReadRawValues(count, isLong, fileSize, raw, got))
         return false;
     if (_coords.size() < count)
         _coords.resize(count);
@@ -497,8 +499,8 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, bool readVect
     }
     const std::size_t width = isLong ? 4 : 2;
     std::size_t got;
-    const unsigned char* raw = _ReadRawValues(count, isLong, fileSize, got);
-    if (!raw)
+    const unsigned char* raw;
+    if (!_ReadRawValues(count, isLong, fileSize, raw, got))
         return false;
     const double c = _GetConversionFactor();
     // The file holds the n vectors, so n is a fair reserve.
