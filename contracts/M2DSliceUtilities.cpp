@@ -133,9 +133,35 @@ void M2DSliceUtilities::ConvertVectorsToContours(const M2DSliceVectorBlock& bloc
 
 void M2DSliceUtilities::MergeVectorBlocks(M2DSliceVectorLayer& vectors, const IVectorBlockMergePredicate& predicate)
 {
+    // The predicate is asked once for each block after the first: does it join the run of
+    // blocks before it (given the run's first block)? Each run's first block then gets room
+    // for the whole run, so that its vectors are copied once and not at every growth.
+    const std::size_t count = vectors.GetNumVectorBlocks();
+    if (count < 2)
+        return;
+    std::vector<char> joins(count, 0);
+    for (std::size_t i = 1, first = 0; i < count; ++i)
+    {
+        if (predicate.CanMerge(*vectors.GetVectorBlock(first), *vectors.GetVectorBlock(i)))
+            joins[i] = 1;
+        else
+            first = i;
+    }
+    for (std::size_t i = 0; i < count;)
+    {
+        std::size_t total = vectors.GetVectorBlock(i)->Vectors.size();
+        std::size_t end = i + 1;
+        for (; end < count && joins[end]; ++end)
+            total += vectors.GetVectorBlock(end)->Vectors.size();
+        if (end > i + 1)
+            vectors.GetVectorBlock(i)->Vectors.reserve(total);
+        i = end;
+    }
+
     M2DSliceVectorBlock* target = nullptr;
+    std::size_t index = 0;
     vectors.RemoveVectorBlocksIf([&](M2DSliceVectorBlock& block) {
-        if (target && predicate.CanMerge(*target, block))
+        if (joins[index++])
         {
             target->Vectors.insert(target->Vectors.end(), block.Vectors.begin(), block.Vectors.end());
             return true;
