@@ -296,6 +296,30 @@ std::size_t MFile::ReadBytes(void* out, std::size_t bytes)
     return done;
 }
 
+const char* MFile::ReadView(std::size_t bytes)
+{
+    if (_fd < 0 || bytes == 0 || bytes > _capacity)
+        return nullptr;
+    _StartReading();
+    if (_bufPos >= _bufLen && !_Fill())
+        return nullptr;
+    if (_bufLen - _bufPos < bytes)
+    {
+        // What is left moves to the front and the rest of the buffer is loaded behind it.
+        const std::size_t keep = _bufLen - _bufPos;
+        std::memmove(_buf.data(), _buf.data() + _bufPos, keep);
+        _bufStart += static_cast<std::int64_t>(_bufPos);
+        _bufPos = 0;
+        _bufLen = keep + PreadAll(_fd, _buf.data() + keep, _capacity - keep,
+                                  _bufStart + static_cast<std::int64_t>(keep), _error);
+        if (_bufLen < bytes)
+            return nullptr;
+    }
+    const char* view = _buf.data() + _bufPos;
+    _bufPos += bytes;
+    return view;
+}
+
 std::size_t MFile::WriteBytes(const void* in, std::size_t bytes)
 {
     if (_fd < 0 || !in || bytes == 0)

@@ -63,6 +63,10 @@ public:
     std::size_t WriteDouble(const double* in, std::size_t n);
 
     std::size_t ReadBytes(void* out, std::size_t bytes);
+    // Reads the next bytes in place: a pointer to them inside the buffer, valid until the
+    // next call on the file. Null, with the position kept, when they are more than the
+    // buffer holds or the file ends before them.
+    const char* ReadView(std::size_t bytes);
     std::size_t WriteBytes(const void* in, std::size_t bytes);
 
     bool WRITE_STRING(const char* text);

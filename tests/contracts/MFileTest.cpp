@@ -122,6 +122,48 @@ TEST_F(MFileTest, SeeksAndShortReadsWithATinyBuffer)
     EXPECT_EQ(f.GET_ERROR(), 0);
 }
 
+TEST_F(MFileTest, ViewsReadInPlaceAcrossBufferEnds)
+{
+    // No repeating pattern, so that a view of the wrong bytes cannot pass for the right ones.
+    std::string data;
+    for (int i = 0; i < 100; ++i)
+        data += static_cast<char>(32 + (i * 7919) % 95);
+    ts::WriteFile(file, data);
+    MFile f(16);
+    ASSERT_TRUE(f.OPEN_READ(path.c_str()));
+    // Views of 6 bytes straddle the 16-byte buffer's ends; mixed with byte reads and seeks
+    // they must see the file as it is, position by position.
+    std::string seen;
+    char two[2];
+    for (int i = 0; i < 8; ++i)
+    {
+        const char* view = f.ReadView(6);
+        ASSERT_NE(view, nullptr) << i;
+        seen.append(view, 6);
+        ASSERT_EQ(f.ReadBytes(two, 2), 2u);
+        seen.append(two, 2);
+    }
+    EXPECT_EQ(seen, data.substr(0, 64));
+    EXPECT_EQ(f.TELL(), 64);
+    ASSERT_TRUE(f.SEEK(30, 0));
+    ASSERT_TRUE(f.SEEK(40, 0)); // anchored at 30: the view starts inside the loaded buffer
+    const char* view = f.ReadView(16);
+    ASSERT_NE(view, nullptr);
+    EXPECT_EQ(std::string(view, 16), data.substr(40, 16));
+
+    // More than the buffer, or past the end: null, and the position stays.
+    EXPECT_EQ(f.ReadView(17), nullptr);
+    EXPECT_EQ(f.TELL(), 56);
+    ASSERT_TRUE(f.SEEK(90, 0));
+    EXPECT_EQ(f.ReadView(11), nullptr);
+    EXPECT_EQ(f.TELL(), 90);
+    view = f.ReadView(10);
+    ASSERT_NE(view, nullptr);
+    EXPECT_EQ(std::string(view, 10), data.substr(90));
+    EXPECT_EQ(f.ReadView(1), nullptr);
+    EXPECT_EQ(f.GET_ERROR(), 0);
+}
+
 TEST_F(MFileTest, MixedReadingAndWritingStayConsistent)
 {
     ts::WriteFile(file, Digits(40));
