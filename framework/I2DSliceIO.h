@@ -135,6 +135,9 @@ public:
         virtual M2DSliceVectorTypeInfo* GetPointBlockTypeInfo() = 0;
         // n vectors at once, as n calls of AddVector would add them.
         virtual void AddVectors(const M2DSliceVector* vectors, std::size_t n);
+        // The same for vectors whose box the caller has measured already: box is the box of
+        // their ends.
+        virtual void AddMeasuredVectors(const M2DSliceVector* vectors, std::size_t n, const M2DSliceXYArea& box);
         // True for an input that only measures: a format may then hand over the box of a run
         // of vectors (AddVectorsArea) instead of the vectors themselves.
         virtual bool MeasuresOnly() const { return false; }
@@ -210,6 +213,7 @@ public:
         std::uint64_t GetNumPointBlocks() const override;
         M2DSliceVectorTypeInfo* GetPointBlockTypeInfo() override;
         void AddVectors(const M2DSliceVector* vectors, std::size_t n) override;
+        void AddMeasuredVectors(const M2DSliceVector* vectors, std::size_t n, const M2DSliceXYArea& box) override;
 
     private:
         MContourMeter _meter;
@@ -250,6 +254,10 @@ public:
         void AddVectors(const M2DSliceVector* vectors, std::size_t n) override;
         bool MeasuresOnly() const override { return true; }
         void AddVectorsArea(const M2DSliceXYArea& area, std::size_t /*n*/) override { _info->Area.Extend(area); }
+        void AddMeasuredVectors(const M2DSliceVector* /*vectors*/, std::size_t n, const M2DSliceXYArea& box) override
+        {
+            AddVectorsArea(box, n);
+        }
 
     private:
         MContourMeter _meter;

@@ -63,6 +63,12 @@ void I2DSliceIO::ILayerInput::AddVectors(const M2DSliceVector* vectors, std::siz
         AddVector(vectors[i]);
 }
 
+void I2DSliceIO::ILayerInput::AddMeasuredVectors(const M2DSliceVector* vectors, std::size_t n,
+                                                 const M2DSliceXYArea& /*box*/)
+{
+    AddVectors(vectors, n);
+}
+
 // ---------------------------------------------------------------- contour meter
 
 I2DSliceIO::MContourMeter::MContourMeter(M2DSliceContainerScanInfo* info) : _info(info)
@@ -211,6 +217,17 @@ void I2DSliceIO::MLayerReader::AddVectors(const M2DSliceVector* vectors, std::si
         _block = _vectors->AddVectorBlockAtEnd();
     _block->Vectors.insert(_block->Vectors.end(), vectors, vectors + n);
     ExtendByVectors(_meter.GetInfo()->Area, vectors, n);
+}
+
+void I2DSliceIO::MLayerReader::AddMeasuredVectors(const M2DSliceVector* vectors, std::size_t n,
+                                                  const M2DSliceXYArea& box)
+{
+    if (n == 0)
+        return;
+    if (!_block)
+        _block = _vectors->AddVectorBlockAtEnd();
+    _block->Vectors.insert(_block->Vectors.end(), vectors, vectors + n);
+    _meter.GetInfo()->Area.Extend(box);
 }
 
 void I2DSliceIO::MLayerReader::EndVectorBlock(bool release)

@@ -70,7 +70,7 @@ private:
     bool _FetchBinaryLayer(ILayerInput& input, bool readVectors);
     bool _FetchAsciiLayer(ILayerInput& input);
     bool _ReadPolyline(ILayerInput& input, bool isLong, std::int64_t fileSize);
-    bool _ReadHatches(ILayerInput& input, bool isLong, bool readVectors, std::int64_t fileSize);
+    bool _ReadHatches(ILayerInput& input, bool isLong, std::int32_t id, bool readVectors, std::int64_t fileSize);
     bool _ReadField(bool isLong, std::uint32_t& value);
     bool _FitsInFile(std::uint64_t bytes, std::int64_t fileSize) const;
     bool _ReadRawValues(std::size_t count, bool isLong, std::int64_t fileSize, const unsigned char*& raw,

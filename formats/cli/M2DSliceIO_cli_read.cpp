@@ -96,35 +96,52 @@ inline __m128i RoundPair(__m128d x)
     return _mm_cvttpd_epi32(_mm_add_pd(x, half));
 }
 
-// x1, y1, x2, y2 as two pairs of values to one vector; a coordinate of INT_MIN (which stands
-// for any product out of range) is noted in suspect.
-inline void StoreVector(__m128d first, __m128d second, __m128d factor, __m128i& suspect, M2DSliceVector* out)
+// Products x1, y1 and x2, y2 to one vector; a coordinate of INT_MIN (which stands for any
+// product out of range) is noted in suspect.
+inline void StoreVector(__m128d first, __m128d second, __m128i& suspect, M2DSliceVector* out)
 {
-    const __m128i a = RoundPair(_mm_mul_pd(first, factor));
-    const __m128i b = RoundPair(_mm_mul_pd(second, factor));
-    const __m128i fileOrder = _mm_unpacklo_epi64(a, b);
+    const __m128i fileOrder = _mm_unpacklo_epi64(RoundPair(first), RoundPair(second));
     suspect = _mm_or_si128(suspect, _mm_cmpeq_epi32(fileOrder, _mm_set1_epi32(INT32_MIN)));
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_shuffle_epi32(fileOrder, _MM_SHUFFLE(3, 1, 2, 0)));
 }
 
+// The box of the vectors from the smallest and largest products of x and y: rounding keeps
+// their order, so rounding the extremes gives the box of the rounded coordinates.
+inline void BoxOfProducts(const double lo[2], const double hi[2], M2DSliceXYArea& box)
+{
+    box.Clear();
+    box.Extend(Round(lo[0]), Round(lo[1]));
+    box.Extend(Round(hi[0]), Round(hi[1]));
+}
+
 #if defined(__x86_64__) && defined(__GNUC__)
-// The same four coordinates at a time, for processors with AVX.
+// Four coordinates at a time, for processors with AVX.
 __attribute__((target("avx"))) bool ConvertLongVectorsAvx(const unsigned char* raw, std::size_t m, double c,
-                                                           M2DSliceVector* out)
+                                                           M2DSliceVector* out, M2DSliceXYArea& box)
 {
     const __m256d factor = _mm256_set1_pd(c);
     const __m256d signBit = _mm256_set1_pd(-0.0);
     const __m256d almostHalf = _mm256_set1_pd(0.49999999999999994);
+    __m256d lo = _mm256_set1_pd(HUGE_VAL);
+    __m256d hi = _mm256_set1_pd(-HUGE_VAL);
     __m128i suspect = _mm_setzero_si128();
     for (std::size_t i = 0; i < m; ++i)
     {
         const __m256d x = _mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(reinterpret_cast<const float*>(raw + 16 * i))), factor);
+        lo = _mm256_min_pd(lo, x);
+        hi = _mm256_max_pd(hi, x);
         const __m256d half = _mm256_or_pd(_mm256_and_pd(x, signBit), almostHalf);
         const __m128i fileOrder = _mm256_cvttpd_epi32(_mm256_add_pd(x, half));
         suspect = _mm_or_si128(suspect, _mm_cmpeq_epi32(fileOrder, _mm_set1_epi32(INT32_MIN)));
         _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), _mm_shuffle_epi32(fileOrder, _MM_SHUFFLE(3, 1, 2, 0)));
     }
-    return _mm_movemask_epi8(suspect) == 0;
+    if (_mm_movemask_epi8(suspect) != 0)
+        return false;
+    double l[2], h[2];
+    _mm_storeu_pd(l, _mm_min_pd(_mm256_castpd256_pd128(lo), _mm256_extractf128_pd(lo, 1)));
+    _mm_storeu_pd(h, _mm_max_pd(_mm256_castpd256_pd128(hi), _mm256_extractf128_pd(hi, 1)));
+    BoxOfProducts(l, h, box);
+    return true;
 }
 
 bool HasAvx()
@@ -134,35 +151,55 @@ bool HasAvx()
 }
 #endif
 
-// Converts m vectors of the record to out; false, with out unfinished, when a product may be
-// out of range.
-bool ConvertVectorsFast(const unsigned char* raw, std::size_t m, bool isLong, double c, M2DSliceVector* out)
+// Converts m vectors of the record to out and gives their box; false, with out and box
+// unfinished, when a product may be out of range.
+bool ConvertVectorsFast(const unsigned char* raw, std::size_t m, bool isLong, double c, M2DSliceVector* out,
+                        M2DSliceXYArea& box)
 {
     static_assert(sizeof(M2DSliceVector) == 16, "four ints, x1, x2, y1, y2");
 #if defined(__x86_64__) && defined(__GNUC__)
     if (isLong && HasAvx())
-        return ConvertLongVectorsAvx(raw, m, c, out);
+        return ConvertLongVectorsAvx(raw, m, c, out, box);
 #endif
     const __m128d factor = _mm_set1_pd(c);
+    __m128d lo = _mm_set1_pd(HUGE_VAL);
+    __m128d hi = _mm_set1_pd(-HUGE_VAL);
     __m128i suspect = _mm_setzero_si128();
-    if (isLong)
-        for (std::size_t i = 0; i < m; ++i)
+    for (std::size_t i = 0; i < m; ++i)
+    {
+        __m128d first, second;
+        if (isLong)
         {
             const __m128 values = _mm_loadu_ps(reinterpret_cast<const float*>(raw + 16 * i));
-            StoreVector(_mm_cvtps_pd(values), _mm_cvtps_pd(_mm_movehl_ps(values, values)), factor, suspect, out + i);
+            first = _mm_cvtps_pd(values);
+            second = _mm_cvtps_pd(_mm_movehl_ps(values, values));
         }
-    else
-        for (std::size_t i = 0; i < m; ++i)
+        else
         {
             const __m128i values = _mm_unpacklo_epi16(
                 _mm_loadl_epi64(reinterpret_cast<const __m128i*>(raw + 8 * i)), _mm_setzero_si128());
-            StoreVector(_mm_cvtepi32_pd(values), _mm_cvtepi32_pd(_mm_shuffle_epi32(values, _MM_SHUFFLE(1, 0, 3, 2))),
-                        factor, suspect, out + i);
+            first = _mm_cvtepi32_pd(values);
+            second = _mm_cvtepi32_pd(_mm_shuffle_epi32(values, _MM_SHUFFLE(1, 0, 3, 2)));
         }
-    return _mm_movemask_epi8(suspect) == 0;
+        first = _mm_mul_pd(first, factor);
+        second = _mm_mul_pd(second, factor);
+        lo = _mm_min_pd(lo, _mm_min_pd(first, second));
+        hi = _mm_max_pd(hi, _mm_max_pd(first, second));
+        StoreVector(first, second, suspect, out + i);
+    }
+    if (_mm_movemask_epi8(suspect) != 0)
+        return false;
+    double l[2], h[2];
+    _mm_storeu_pd(l, lo);
+    _mm_storeu_pd(h, hi);
+    BoxOfProducts(l, h, box);
+    return true;
 }
 #else
-bool ConvertVectorsFast(const unsigned char*, std::size_t, bool, double, M2DSliceVector*) { return false; }
+bool ConvertVectorsFast(const unsigned char*, std::size_t, bool, double, M2DSliceVector*, M2DSliceXYArea&)
+{
+    return false;
+}
 #endif
 
 // The box of n long-form vectors (x1, y1, x2, y2 floats) in internal units, from the smallest
@@ -215,16 +252,29 @@ bool LongHatchBox(const unsigned char* raw, std::size_t n, double c, M2DSliceXYA
     return true;
 }
 
-// Converts m whole vectors of the record, in the file's order x1, y1, x2, y2, to out.
-// coords is room for 4 m coordinates.
-void ConvertVectors(const unsigned char* raw, std::size_t m, bool isLong, double c, int* coords,
-                    M2DSliceVector* out)
+// Converts m whole vectors of the record, in the file's order x1, y1, x2, y2, to out and
+// hands them to input. coords is room for 4 m coordinates.
+void AddConverted(I2DSliceIO::ILayerInput& input, const unsigned char* raw, std::size_t m, bool isLong, double c,
+                  int* coords, M2DSliceVector* out)
 {
-    if (ConvertVectorsFast(raw, m, isLong, c, out))
+    M2DSliceXYArea box;
+    if (ConvertVectorsFast(raw, m, isLong, c, out, box))
+    {
+        input.AddMeasuredVectors(out, m, box);
         return;
+    }
     ConvertValues(raw, 4 * m, isLong, c, coords);
     for (std::size_t i = 0; i < m; ++i)
         out[i] = M2DSliceVector(coords[4 * i], coords[4 * i + 1], coords[4 * i + 2], coords[4 * i + 3]);
+    input.AddVectors(out, m);
+}
+
+// A hatch block's label: the hatch type and the part the record names.
+M2DSliceVectorTypeInfo HatchLabel(std::int32_t id)
+{
+    M2DSliceVectorTypeInfo label(e2DSliceVectorType_Hatch);
+    label.SetIndex(e2DSliceVectorTypeIndex_Part, id);
+    return label;
 }
 
 // The pieces of text between the separators; an empty text gives one empty piece.
@@ -371,10 +421,8 @@ bool M2DSliceIO_cli::_FetchBinaryLayer(ILayerInput& input, bool readVectors)
         }
         else
         {
-            if (!_ReadHatches(input, isLong, readVectors, fileSize))
+            if (!_ReadHatches(input, isLong, static_cast<std::int32_t>(id), readVectors, fileSize))
                 return false;
-            if (M2DSliceVectorTypeInfo* label = input.GetVectorBlockTypeInfo())
-                label->SetIndex(e2DSliceVectorTypeIndex_Part, static_cast<std::int32_t>(id));
         }
     }
 }
@@ -486,53 +534,78 @@ bool M2DSliceIO_cli::_ReadPolyline(ILayerInput& input, bool isLong, std::int64_t
     return true;
 }
 
-bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, bool readVectors, std::int64_t fileSize)
+bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, std::int32_t id, bool readVectors,
+                                  std::int64_t fileSize)
 {
     std::uint32_t n;
     if (!_ReadField(isLong, n))
         return false;
-    const std::size_t count = std::size_t{n} * 4;
-    if (!readVectors)
-    {
-        const std::uint64_t bytes = count * (isLong ? 4 : 2);
-        return _FitsInFile(bytes, fileSize) && _file.SEEK(static_cast<std::int64_t>(bytes), 1);
-    }
     const std::size_t width = isLong ? 4 : 2;
-    std::size_t got;
-    const unsigned char* raw;
-    if (!_ReadRawValues(count, isLong, fileSize, raw, got))
+    const std::size_t vectorBytes = 4 * width;
+    const std::uint64_t bytes = std::uint64_t{n} * vectorBytes;
+    if (!_FitsInFile(bytes, fileSize))
         return false;
-    const double c = _GetConversionFactor();
-    // The file holds the n vectors, so n is a fair reserve.
-    input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Hatch), n);
-    M2DSliceXYArea box;
-    if (isLong && got == count && input.MeasuresOnly() && LongHatchBox(raw, n, c, box))
-    {
-        input.AddVectorsArea(box, n);
-        return true;
-    }
+    if (!readVectors)
+        return _file.SEEK(static_cast<std::int64_t>(bytes), 1);
 
+    // The file holds the n vectors, so n is a fair reserve.
+    input.StartVectorBlock(HatchLabel(id), n);
+    const double c = _GetConversionFactor();
+    const bool boxesOnly = isLong && input.MeasuresOnly();
     int coords[4 * kVectorChunk];
     M2DSliceVector vectors[kVectorChunk];
     M2DSliceVector last(0, 0, 0, 0);
+
+    // Converted where the file's buffer holds them, a cache-sized run at a time: no copy of
+    // the raw values, and they are still in the cache when the vectors are stored.
+    std::size_t done = 0;
+    while (done < n)
+    {
+        const std::size_t m = std::min<std::size_t>(kVectorChunk, n - done);
+        const auto* raw = reinterpret_cast<const unsigned char*>(_file.ReadView(m * vectorBytes));
+        if (!raw)
+            break;
+        M2DSliceXYArea box;
+        if (boxesOnly && LongHatchBox(raw, m, c, box))
+        {
+            input.AddVectorsArea(box, m);
+            ConvertValues(raw + (m - 1) * vectorBytes, 4, isLong, c, coords);
+            last = M2DSliceVector(coords[0], coords[1], coords[2], coords[3]);
+        }
+        else
+        {
+            AddConverted(input, raw, m, isLong, c, coords, vectors);
+            last = vectors[m - 1];
+        }
+        done += m;
+    }
+    if (done == n)
+        return true;
+
+    // The rest through a copy: runs larger than the file's buffer, or a read that comes up
+    // short.
+    const std::size_t rest = n - done;
+    std::size_t got;
+    const unsigned char* raw;
+    if (!_ReadRawValues(4 * rest, isLong, fileSize, raw, got))
+        return false;
     const std::size_t whole = got / 4;
     for (std::size_t start = 0; start < whole; start += kVectorChunk)
     {
         const std::size_t m = std::min(kVectorChunk, whole - start);
-        ConvertVectors(raw + 4 * width * start, m, isLong, c, coords, vectors);
-        input.AddVectors(vectors, m);
+        AddConverted(input, raw + vectorBytes * start, m, isLong, c, coords, vectors);
         last = vectors[m - 1];
     }
-    if (whole == n)
+    if (whole == rest)
         return true;
 
     // A read that came up short: each missing coordinate keeps the value of the same
     // coordinate of the vector before it (0 in the first vector), and so every vector after
     // the cut repeats the one it cuts.
     int tail[4] = {last.x1, last.y1, last.x2, last.y2};
-    ConvertValues(raw + 4 * width * whole, got - 4 * whole, isLong, c, tail);
+    ConvertValues(raw + vectorBytes * whole, got - 4 * whole, isLong, c, tail);
     const M2DSliceVector repeated(tail[0], tail[1], tail[2], tail[3]);
-    for (std::size_t i = whole; i < n; ++i)
+    for (std::size_t i = whole; i < rest; ++i)
         input.AddVector(repeated);
     return true;
 }
@@ -572,7 +645,7 @@ bool M2DSliceIO_cli::_FetchAsciiLayer(ILayerInput& input)
             Split(line, ',', pieces);
             const int id = IdOf(pieces.at(0));
             const int n = std::stoi(pieces.at(1));
-            input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Hatch), 0);
+            input.StartVectorBlock(HatchLabel(id), 0);
             for (int i = 0; i < n; ++i)
             {
                 int v[4];
@@ -580,8 +653,6 @@ bool M2DSliceIO_cli::_FetchAsciiLayer(ILayerInput& input)
                     v[k] = Round(std::stod(pieces.at(2 + 4 * std::size_t(i) + k)) * c);
                 input.AddVector(M2DSliceVector(v[0], v[1], v[2], v[3]));
             }
-            if (M2DSliceVectorTypeInfo* label = input.GetVectorBlockTypeInfo())
-                label->SetIndex(e2DSliceVectorTypeIndex_Part, id);
         }
     }
     ++_layerTextIndex;
