@@ -211,12 +211,9 @@ void I2DSliceIO::MLayerReader::AddVector(const M2DSliceVector& vector)
 
 void I2DSliceIO::MLayerReader::AddVectors(const M2DSliceVector* vectors, std::size_t n)
 {
-    if (n == 0)
-        return;
-    if (!_block)
-        _block = _vectors->AddVectorBlockAtEnd();
-    _block->Vectors.insert(_block->Vectors.end(), vectors, vectors + n);
-    ExtendByVectors(_meter.GetInfo()->Area, vectors, n);
+    M2DSliceXYArea box;
+    ExtendByVectors(box, vectors, n);
+    AddMeasuredVectors(vectors, n, box);
 }
 
 void I2DSliceIO::MLayerReader::AddMeasuredVectors(const M2DSliceVector* vectors, std::size_t n,
