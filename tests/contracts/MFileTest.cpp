@@ -7,20 +7,32 @@
 
 namespace {
 
-std::string Digits(std::size_t n)
+// 100 printable bytes without a short period, so that reading or viewing the wrong bytes
+// cannot pass for the right ones. Every test starts with them in the file.
+std::string Pattern()
 {
     std::string s;
-    for (std::size_t i = 0; i < n; ++i)
-        s += static_cast<char>('0' + i % 10);
+    for (int i = 0; i < 100; ++i)
+        s += static_cast<char>(32 + (i * 7919) % 95);
     return s;
 }
 
 class MFileTest : public ::testing::Test
 {
 protected:
+    void SetUp() override { ts::WriteFile(file, data); }
+    // Up to n bytes from the current position; the byte at an absolute one (-1 at the end).
+    static std::string Take(MFile& f, std::size_t n)
+    {
+        std::string s(n, '\0');
+        s.resize(f.ReadBytes(s.data(), n));
+        return s;
+    }
+    static int At(MFile& f, std::int64_t position) { return f.SEEK(position, 0) ? f.GETC() : -2; }
     ts::ScratchDir dir;
     std::string file = dir.File("data.bin");
     std::wstring path = ts::Wide(file);
+    const std::string data = Pattern();
 };
 
 TEST_F(MFileTest, EveryWidthIsWrittenLittleEndianAndReadBack)
@@ -70,38 +82,32 @@ TEST_F(MFileTest, EveryWidthIsWrittenLittleEndianAndReadBack)
 
 TEST_F(MFileTest, SeeksAndShortReadsWithATinyBuffer)
 {
-    const std::string data = Digits(100);
-    ts::WriteFile(file, data);
     MFile f(16);
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
-    EXPECT_EQ(f.GETC(), '0');
-    ASSERT_TRUE(f.SEEK(10, 0)); // inside the buffer
-    EXPECT_EQ(f.GETC(), '0');
-    ASSERT_TRUE(f.SEEK(50, 1)); // beyond it
+    EXPECT_EQ(f.GETC(), data[0]);
+    EXPECT_EQ(At(f, 10), data[10]); // inside the buffer
+    ASSERT_TRUE(f.SEEK(50, 1));     // beyond it
     EXPECT_EQ(f.TELL(), 61);
-    EXPECT_EQ(f.GETC(), '1');
+    EXPECT_EQ(f.GETC(), data[61]);
     EXPECT_FALSE(f.SEEK(-200, 1)); // before the start: refused, position kept
     EXPECT_EQ(f.TELL(), 62);
     // A read spanning several buffer fills, then one bigger than the buffer.
     ASSERT_TRUE(f.SEEK(5, 0));
-    std::string part(40, '\0'), part2(7, '\0');
-    EXPECT_EQ(f.ReadBytes(part.data(), part.size()), 40u);
-    EXPECT_EQ(f.ReadBytes(part2.data(), part2.size()), 7u);
-    EXPECT_EQ(part + part2, data.substr(5, 47));
+    const std::string part = Take(f, 40);
+    EXPECT_EQ(part + Take(f, 7), data.substr(5, 47));
 
     // Short reads at the end: fixed-width reads count bytes, READ whole items; no error.
     int values[3];
-    char big[64];
     ASSERT_TRUE(f.SEEK(-10, 2));
     EXPECT_EQ(f.ReadInt32(values, 3), 10u);
     ASSERT_TRUE(f.SEEK(90, 0));
     EXPECT_EQ(f.READ(values, 3), 2u);
     ASSERT_TRUE(f.SEEK(96, 0));
-    EXPECT_EQ(f.ReadBytes(big, sizeof(big)), 4u);
+    EXPECT_EQ(Take(f, 64), data.substr(96));
     EXPECT_EQ(f.GETC(), -1);
     EXPECT_TRUE(f.IS_EOF());
     ASSERT_TRUE(f.SEEK(200, 0)); // past the end: allowed, reads nothing
-    EXPECT_EQ(f.READ(big, 1), 0u);
+    EXPECT_EQ(f.READ(values, 1), 0u);
     EXPECT_EQ(f.GET_ERROR(), 0);
 
     // A reader walking backwards seeks ahead of a layer, then onto it: the first seek
@@ -109,47 +115,37 @@ TEST_F(MFileTest, SeeksAndShortReadsWithATinyBuffer)
     ASSERT_TRUE(f.SEEK(40, 0));
     ASSERT_TRUE(f.SEEK(50, 0)); // within 16 bytes of the anchor
     EXPECT_EQ(f.TELL(), 50);
-    EXPECT_EQ(f.GETC(), '0');
-    ASSERT_TRUE(f.SEEK(41, 0)); // back into the anchored buffer
-    EXPECT_EQ(f.GETC(), '1');
+    EXPECT_EQ(f.GETC(), data[50]);
+    EXPECT_EQ(At(f, 41), data[41]); // back into the anchored buffer
     ASSERT_TRUE(f.SEEK(55, 0));
-    EXPECT_EQ(f.ReadBytes(big, 10), 10u);
-    EXPECT_EQ(std::string(big, 10), data.substr(55, 10));
+    EXPECT_EQ(Take(f, 10), data.substr(55, 10));
     ASSERT_TRUE(f.SEEK(98, 0)); // an anchor near the end reads short and cleanly
-    ASSERT_TRUE(f.SEEK(99, 0));
-    EXPECT_EQ(f.GETC(), '9');
+    EXPECT_EQ(At(f, 99), data[99]);
     EXPECT_EQ(f.GETC(), -1);
     EXPECT_EQ(f.GET_ERROR(), 0);
 }
 
 TEST_F(MFileTest, ViewsReadInPlaceAcrossBufferEnds)
 {
-    // No repeating pattern, so that a view of the wrong bytes cannot pass for the right ones.
-    std::string data;
-    for (int i = 0; i < 100; ++i)
-        data += static_cast<char>(32 + (i * 7919) % 95);
-    ts::WriteFile(file, data);
     MFile f(16);
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
     // Views of 6 bytes straddle the 16-byte buffer's ends; mixed with byte reads and seeks
     // they must see the file as it is, position by position.
+    auto view = [&](std::size_t n) {
+        const char* v = f.ReadView(n);
+        return v ? std::string(v, n) : "(null)";
+    };
     std::string seen;
-    char two[2];
     for (int i = 0; i < 8; ++i)
     {
-        const char* view = f.ReadView(6);
-        ASSERT_NE(view, nullptr) << i;
-        seen.append(view, 6);
-        ASSERT_EQ(f.ReadBytes(two, 2), 2u);
-        seen.append(two, 2);
+        seen += view(6);
+        seen += Take(f, 2);
     }
     EXPECT_EQ(seen, data.substr(0, 64));
     EXPECT_EQ(f.TELL(), 64);
     ASSERT_TRUE(f.SEEK(30, 0));
     ASSERT_TRUE(f.SEEK(40, 0)); // anchored at 30: the view starts inside the loaded buffer
-    const char* view = f.ReadView(16);
-    ASSERT_NE(view, nullptr);
-    EXPECT_EQ(std::string(view, 16), data.substr(40, 16));
+    EXPECT_EQ(view(16), data.substr(40, 16));
 
     // More than the buffer, or past the end: null, and the position stays.
     EXPECT_EQ(f.ReadView(17), nullptr);
@@ -157,83 +153,72 @@ TEST_F(MFileTest, ViewsReadInPlaceAcrossBufferEnds)
     ASSERT_TRUE(f.SEEK(90, 0));
     EXPECT_EQ(f.ReadView(11), nullptr);
     EXPECT_EQ(f.TELL(), 90);
-    view = f.ReadView(10);
-    ASSERT_NE(view, nullptr);
-    EXPECT_EQ(std::string(view, 10), data.substr(90));
+    EXPECT_EQ(view(10), data.substr(90));
     EXPECT_EQ(f.ReadView(1), nullptr);
     EXPECT_EQ(f.GET_ERROR(), 0);
 }
 
 TEST_F(MFileTest, MixedReadingAndWritingStayConsistent)
 {
-    ts::WriteFile(file, Digits(40));
     MFile f(16);
     ASSERT_TRUE(f.OPEN_UPDATE(path.c_str()));
-    EXPECT_EQ(f.GETC(), '0');          // fills the read buffer
+    EXPECT_EQ(f.GETC(), data[0]);      // fills the read buffer
     ASSERT_TRUE(f.WRITE_STRING("AB")); // must not use stale buffered bytes afterwards
-    EXPECT_EQ(f.GETC(), '3');          // flushes first
+    EXPECT_EQ(f.GETC(), data[3]);      // flushes first
+    const std::string head = data.substr(0, 1) + "AB" + data.substr(3, 1);
     ASSERT_TRUE(f.SEEK(0, 0));
-    char head[4];
-    ASSERT_EQ(f.ReadBytes(head, 4), 4u);
-    EXPECT_EQ(std::string(head, 4), "0AB3");
+    EXPECT_EQ(Take(f, 4), head);
     ASSERT_TRUE(f.SEEK(0, 2));
     ASSERT_TRUE(f.WRITE_STRING("z"));
     f.SET_BUFFER_SIZE(8); // flushes and keeps the position
-    EXPECT_EQ(ts::ReadFile(file).size(), 41u);
-    EXPECT_EQ(f.TELL(), 41);
+    EXPECT_EQ(ts::ReadFile(file).size(), 101u);
+    EXPECT_EQ(f.TELL(), 101);
     const std::string tail(29, 'x');
     EXPECT_EQ(f.WriteBytes(tail.data(), tail.size()), 29u); // bigger than the buffer
     EXPECT_TRUE(f.FPRINTF("%s|%d", std::string(2000, 'y').c_str(), 7)); // longer than the stack buffer
-    EXPECT_EQ(f.GET_SIZE(), 40 + 30 + 2002);
+    EXPECT_EQ(f.GET_SIZE(), 100 + 30 + 2002);
     ASSERT_TRUE(f.CLOSE());
-    EXPECT_EQ(ts::ReadFile(file), "0AB3" + Digits(40).substr(4) + "z" + tail + std::string(2000, 'y') + "|7");
+    EXPECT_EQ(ts::ReadFile(file), head + data.substr(4) + "z" + tail + std::string(2000, 'y') + "|7");
 
     ASSERT_TRUE(f.OPEN_APPEND(path.c_str()));
-    EXPECT_EQ(f.TELL(), 2072);
+    EXPECT_EQ(f.TELL(), 2132);
     ASSERT_TRUE(f.WRITE_STRING(std::string("!")) && f.CLOSE());
     EXPECT_EQ(ts::ReadFile(file).back(), '!');
     ASSERT_TRUE(f.OPEN_WRITE(path.c_str())); // truncates
     EXPECT_EQ(f.GET_SIZE(), 0);
 }
 
-TEST_F(MFileTest, SearchString)
+TEST_F(MFileTest, SearchStringAndReadStringUntil)
 {
     MFile f(16);
     ts::WriteFile(file, "");
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
     EXPECT_FALSE(f.SEARCH_STRING("$$HEADER", -1, true));
-    EXPECT_TRUE(f.SEARCH_STRING("", -1, true));
-    EXPECT_EQ(f.TELL(), 0);
+    EXPECT_TRUE(f.SEARCH_STRING("", -1, true) && f.TELL() == 0);
 
     //                 0         1         2         3
     //                 0123456789012345678901234567890123456
     ts::WriteFile(file, "abc$$$$HEADERxyz..........$$DIM/12,34");
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
-    // Overlapping prefix: "$$$HEADER" starts at 4, inside "$$$$".
-    ASSERT_TRUE(f.SEARCH_STRING("$$$HEADER", -1, true));
-    EXPECT_EQ(f.TELL(), 13);
-    // Across the 16-byte buffer boundary, position left at the start of the match.
-    f.REWIND();
-    ASSERT_TRUE(f.SEARCH_STRING("ERxyz", -1, false));
-    EXPECT_EQ(f.TELL(), 11);
+    // Step by step: rewind first?, text, limit, skip the match?, found, position after.
+    const std::tuple<bool, const char*, std::int64_t, bool, bool, std::int64_t> searches[] = {
+        {true, "$$$HEADER", -1, true, true, 13}, // overlapping prefix: starts at 4, inside "$$$$"
+        {true, "$$DIM/", 31, true, false, 31},   // the match must end at or before the limit
+        {true, "$$DIM/", 32, true, true, 32},
+        {false, "$$DIM/", -1, true, false, 37},  // searching on; not found leaves it at the end
+        {true, "ERxyz", -1, false, true, 11}};   // across the buffer end, left at the match
+    for (const auto& [rewind, text, limit, skip, found, position] : searches)
+    {
+        if (rewind)
+            f.REWIND();
+        EXPECT_EQ(f.SEARCH_STRING(text, limit, skip), found) << text << " " << limit;
+        EXPECT_EQ(f.TELL(), position) << text << " " << limit;
+    }
     EXPECT_EQ(f.GETC(), 'E');
-    // The match must end at or before the limit.
-    f.REWIND();
-    EXPECT_FALSE(f.SEARCH_STRING("$$DIM/", 31, true));
-    EXPECT_EQ(f.TELL(), 31);
-    f.REWIND();
-    ASSERT_TRUE(f.SEARCH_STRING("$$DIM/", 32, true));
-    EXPECT_EQ(f.TELL(), 32);
-    // Searching on from there; not found leaves the position at the end.
-    EXPECT_FALSE(f.SEARCH_STRING("$$DIM/", -1, true));
-    EXPECT_EQ(f.TELL(), 37);
     EXPECT_EQ(f.GET_ERROR(), 0);
-}
 
-TEST_F(MFileTest, ReadStringUntil)
-{
     ts::WriteFile(file, "key=value\r\nab\rx\r\nlast");
-    MFile f(8);
+    f.SET_BUFFER_SIZE(8);
     ASSERT_TRUE(f.OPEN_READ(path.c_str()));
     // A partial stop text ("\r" then "x") is data; the limit stops with the rest unread; a
     // stop text that begins before the limit is still recognised.
@@ -265,26 +250,21 @@ TEST_F(MFileTest, OsFailuresAreReported)
     MFile f;
     ASSERT_TRUE(f.OPEN_WRITE(L"/dev/full"));
     ASSERT_TRUE(f.WRITE_STRING("buffered"));
-    EXPECT_FALSE(f.FLUSH());
-    EXPECT_EQ(f.GET_ERROR(), ENOSPC);
-    EXPECT_FALSE(f.CLOSE());
-    EXPECT_EQ(f.GET_ERROR(), ENOSPC); // kept after close
+    EXPECT_TRUE(!f.FLUSH() && f.GET_ERROR() == ENOSPC) << f.GET_ERROR();
+    EXPECT_TRUE(!f.CLOSE() && f.GET_ERROR() == ENOSPC) << f.GET_ERROR(); // kept after close
     ASSERT_TRUE(f.OPEN_WRITE(L"/dev/full"));
     EXPECT_EQ(f.GET_ERROR(), 0); // reset by the next open
     ASSERT_TRUE(f.WRITE_STRING("x"));
-    EXPECT_FALSE(f.CLOSE()); // never flushed before
-    EXPECT_NE(f.GET_ERROR(), 0);
+    EXPECT_TRUE(!f.CLOSE() && f.GET_ERROR() != 0); // never flushed before
 
     const std::wstring missing = dir.WFile("no/such/dir/file.cli");
     EXPECT_FALSE(f.OPEN_WRITE(missing.c_str()) || f.OPEN_READ(missing.c_str()));
-    EXPECT_FALSE(f.OPEN_READ(ts::Wide(dir.Path().string()).c_str())); // a directory is no file
-    EXPECT_FALSE(f.OPEN_READ(nullptr));
+    EXPECT_FALSE(f.OPEN_READ(ts::Wide(dir.Path().string()).c_str()) || f.OPEN_READ(nullptr)); // a directory is no file
     // A closed file refuses everything without crashing; it counts as ended.
     char c;
     EXPECT_EQ(f.READ(&c, 1) + f.WRITE(&c, 1), 0u);
-    EXPECT_EQ(f.GETC(), -1);
+    EXPECT_TRUE(f.GETC() == -1 && f.IS_EOF());
     EXPECT_FALSE(f.SEEK(0, 0) || f.SEARCH_STRING("x", -1, true) || f.WRITE_STRING("") || f.FLUSH() || f.CLOSE());
-    EXPECT_TRUE(f.IS_EOF());
 }
 
 } // namespace

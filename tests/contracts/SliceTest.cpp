@@ -35,8 +35,7 @@ TEST(M2DSliceContourLayer, PointsFormARingAndContoursAList)
     EXPECT_EQ(Read(*c), (Points{{10, 0}, {10, 10}}));
     c->RemovePoint(c->GetFirstPoint());
     c->RemovePoint(c->GetFirstPoint());
-    EXPECT_EQ(c->GetFirstPoint(), nullptr);
-    EXPECT_TRUE(c->begin() == c->end());
+    EXPECT_TRUE(c->GetFirstPoint() == nullptr && c->begin() == c->end());
     // Growing over several pool chunks keeps every point in place.
     Points many;
     for (int i = 0; i < 5000; ++i)
@@ -48,14 +47,13 @@ TEST(M2DSliceContourLayer, PointsFormARingAndContoursAList)
     b->SetIsOuterContour(false);
     b->GetTypeInfoUpdate().SetIndex(e2DSliceVectorTypeIndex_Part, 7);
     border.RemoveContour(b, false);
-    EXPECT_EQ(border.GetContour(1)->GetNextContour(), last);
-    EXPECT_EQ(last->GetPreviousContour(), border.GetContour(1));
+    EXPECT_TRUE(border.GetContour(1)->GetNextContour() == last && last->GetPreviousContour() == border.GetContour(1));
     // A contour added after a removal starts empty and with default attributes.
     M2DSliceContour* added = border.AddContourAtEnd();
-    EXPECT_EQ(std::make_tuple(added->GetNumPoints(), added->GetIsClosed(), added->GetIsOuterContour()),
-              std::make_tuple(0u, true, true));
+    EXPECT_EQ(std::make_tuple(added->GetNumPoints(), added->GetIsClosed(), added->GetIsOuterContour(),
+                              last->GetNextContour()),
+              std::make_tuple(0u, true, true, added));
     EXPECT_EQ(added->GetTypeInfo(), M2DSliceVectorTypeInfo());
-    EXPECT_EQ(last->GetNextContour(), added);
     border.RemoveContour(c, true);
     EXPECT_EQ(border.GetFirstContour()->GetPreviousContour(), nullptr);
     // A contour that is not in the layer is left alone.
@@ -82,8 +80,8 @@ TEST(M2DSliceContourLayer, InvertReversesAndStartsAtTheOldLast)
     border.GetContour(3)->SetIsOuterContour(true);
     border.GetContour(2)->SetIsOuterContour(false);
     border.Invert();
-    EXPECT_FALSE(border.GetContour(3)->GetIsOuterContour());
-    EXPECT_TRUE(border.GetContour(2)->GetIsOuterContour());
+    EXPECT_EQ(std::make_pair(border.GetContour(3)->GetIsOuterContour(), border.GetContour(2)->GetIsOuterContour()),
+              std::make_pair(false, true));
     EXPECT_EQ(Read(*border.GetContour(3)), cases[3].first);
 
     // A copy is deep; a move empties the source, which stays usable.
@@ -93,12 +91,11 @@ TEST(M2DSliceContourLayer, InvertReversesAndStartsAtTheOldLast)
     EXPECT_FALSE(copy.GetLastContour()->GetIsOuterContour());
     M2DSliceContour* first = border.GetFirstContour();
     M2DSliceContourLayer moved(std::move(border));
-    EXPECT_EQ(moved.GetFirstContour(), first);
-    EXPECT_EQ(border.GetNumContours(), 0u);
+    EXPECT_TRUE(moved.GetFirstContour() == first && border.GetNumContours() == 0u);
     EXPECT_EQ(Read(*AddContour(border, {{2, 2}})), (Points{{2, 2}}));
 }
 
-TEST(M2DSliceVectorLayer, BlocksFormAListAndComeBackClean)
+TEST(M2DSliceBlockLayers, BlocksFormAListAndComeBackClean)
 {
     M2DSliceVectorLayer layer;
     M2DSliceVectorBlock* a = layer.AddVectorBlockAtEnd();
@@ -109,55 +106,52 @@ TEST(M2DSliceVectorLayer, BlocksFormAListAndComeBackClean)
     layer.RemoveVectorBlock(b, false);
     EXPECT_EQ(a->GetNextVectorBlock(), c);
     M2DSliceVectorBlock* added = layer.AddVectorBlockAtEnd();
-    EXPECT_TRUE(added->Vectors.empty());
-    EXPECT_EQ(added->GetTypeInfo(), M2DSliceVectorTypeInfo());
+    EXPECT_TRUE(added->Vectors.empty() && added->GetTypeInfo() == M2DSliceVectorTypeInfo());
     EXPECT_EQ(c->GetNextVectorBlock(), added);
     layer.RemoveVectorBlock(layer.GetLastVectorBlock(), true);
     layer.RemoveVectorBlock(nullptr, false);
     EXPECT_EQ(c->GetNextVectorBlock(), nullptr);
 
-    // One pass removal keeps order and links.
+    // One pass removal keeps order and links, and so does a copy.
     for (int i = 0; i < 4; ++i)
         layer.AddVectorBlockAtEnd()->Vectors.resize(static_cast<std::size_t>(i));
     layer.RemoveVectorBlocksIf([](const M2DSliceVectorBlock& blk) { return blk.Vectors.size() % 2 == 1; });
     ASSERT_EQ(layer.GetNumVectorBlocks(), 4u);
     EXPECT_EQ(std::make_tuple(layer.GetNumVectors(2), layer.GetNumVectors(3)), std::make_tuple(0u, 2u));
-    EXPECT_EQ(layer.GetVectorBlock(2)->GetNextVectorBlock(), layer.GetVectorBlock(3));
     M2DSliceVectorLayer copy(layer);
-    EXPECT_EQ(copy.GetVectorBlock(2)->GetNextVectorBlock(), copy.GetVectorBlock(3));
+    for (const M2DSliceVectorLayer* l : {&layer, &copy})
+        EXPECT_EQ(l->GetVectorBlock(2)->GetNextVectorBlock(), l->GetVectorBlock(3));
     copy.GetVectorBlock(3)->Vectors.clear();
     EXPECT_EQ(layer.GetNumVectors(3), 2u);
 
     // The fields lie in the order x1, x2, y1, y2, unlike the constructor's arguments.
     M2DSliceVector v(1, 2, 3, 4);
-    const int* fields = &v.x1;
-    EXPECT_EQ((std::vector<int>(fields, fields + 4)), (std::vector<int>{1, 3, 2, 4}));
-}
+    EXPECT_EQ((std::vector<int>(&v.x1, &v.x1 + 4)), (std::vector<int>{1, 3, 2, 4}));
 
-TEST(M2DSlicePointLayer, BlockArrayAndCopies)
-{
-    M2DSlicePointLayer layer;
-    M2DSlicePointBlock* a = layer.AddPointBlockAtEnd();
+    // Point blocks hold their points in an array of chunks, copied deeply.
+    M2DSlicePointLayer points;
+    M2DSlicePointBlock* p = points.AddPointBlockAtEnd();
     for (int i = 0; i < 2500; ++i)
-        a->Points.push_back(M2DSlicePoint(i, 2 * i));
-    EXPECT_EQ(a->Points[1024], M2DSlicePoint(1024, 2048));
-    M2DSlicePointLayer copy(layer);
-    copy.GetFirstPointBlock()->Points[0] = M2DSlicePoint(-1, -1);
-    EXPECT_EQ(a->Points[0], M2DSlicePoint(0, 0));
+        p->Points.push_back(M2DSlicePoint(i, 2 * i));
+    EXPECT_EQ(p->Points[1024], M2DSlicePoint(1024, 2048));
+    M2DSlicePointLayer pointsCopy(points);
+    auto& copied = pointsCopy.GetFirstPointBlock()->Points;
+    copied[0] = M2DSlicePoint(-1, -1);
+    EXPECT_EQ(p->Points[0], M2DSlicePoint(0, 0));
     // A moved-from array is empty, not a size without storage.
-    MBlockArray<M2DSlicePoint, 1024> moved(std::move(copy.GetFirstPointBlock()->Points));
+    MBlockArray<M2DSlicePoint, 1024> moved(std::move(copied));
     EXPECT_EQ(moved.size(), 2500u);
-    EXPECT_TRUE(copy.GetFirstPointBlock()->Points.empty());
-    EXPECT_TRUE(copy.GetFirstPointBlock()->Points.begin() == copy.GetFirstPointBlock()->Points.end());
-    // The block list is the vector layer's.
-    layer.RemovePointBlock(a, false);
-    EXPECT_TRUE(layer.AddPointBlockAtEnd()->Points.empty());
+    EXPECT_TRUE(copied.empty() && copied.begin() == copied.end());
+    // A removed point block comes back emptied as the spare.
+    points.RemovePointBlock(p, false);
+    EXPECT_TRUE(points.AddPointBlockAtEnd()->Points.empty());
 }
 
-TEST(M2DSlice, EmptinessCountsGeometryNotContainers)
+TEST(M2DSlice, EmptinessAreaCopiesAndAppending)
 {
+    // Emptiness counts geometry, not containers; clearing keeps the height (taken's, below).
     M2DSlice slice;
-    slice.SetZ(40);
+    slice.SetZ(120);
     slice.GetSliceBorderUpdate()->AddContourAtEnd();
     slice.GetVectorsUpdate()->AddVectorBlockAtEnd();
     slice.GetPointsUpdate()->AddPointBlockAtEnd();
@@ -171,53 +165,40 @@ TEST(M2DSlice, EmptinessCountsGeometryNotContainers)
     slice.GetSliceBorderUpdate()->AddContourAtEnd()->InsertAtEnd(3, 3, nullptr);
     EXPECT_FALSE(slice.IsEmpty());
     slice.Clear();
-    EXPECT_TRUE(slice.IsEmpty() && slice.GetXYArea(false).IsEmpty());
-    EXPECT_EQ(slice.GetZ(), 40);
-}
+    EXPECT_TRUE(slice.IsEmpty() && slice.GetXYArea(false).IsEmpty() && slice.GetXYArea(true).IsEmpty());
 
-TEST(M2DSlice, AreaIsRecomputedUnlessKnown)
-{
-    M2DSlice slice;
-    EXPECT_TRUE(slice.GetXYArea(true).IsEmpty());
-    AddContour(*slice.GetSliceBorderUpdate(), {{-5, 2}, {10, 2}, {10, 30}});
+    // The box covers every kind of geometry.
+    const Points triangle{{-5, 2}, {10, 2}, {10, 30}};
+    AddContour(*slice.GetSliceBorderUpdate(), triangle);
     slice.GetVectorsUpdate()->AddVectorBlockAtEnd()->Vectors.emplace_back(0, -7, 20, 0);
     slice.GetPointsUpdate()->AddPointBlockAtEnd()->Points.push_back(M2DSlicePoint(3, 44));
-    EXPECT_EQ(slice.GetXYArea(true), (M2DSliceXYArea{-5, 20, -7, 44}));
+    const M2DSliceXYArea measured{-5, 20, -7, 44}, widened{-100, 20, -100, 44};
+    EXPECT_EQ(slice.GetXYArea(true), measured);
     // A reader widens the stored box itself and the slice is then marked known: the stored
     // box is handed out as it stands. Write access to the geometry makes it unknown again.
     slice.GetXYAreaUpdate().Extend(-100, -100);
     slice.DataKnown = true;
-    EXPECT_EQ(slice.GetXYArea(true), (M2DSliceXYArea{-100, 20, -100, 44}));
+    EXPECT_EQ(slice.GetXYArea(true), widened);
     slice.GetVectorsUpdate();
     EXPECT_FALSE(slice.DataKnown);
-    EXPECT_EQ(slice.GetXYArea(false), (M2DSliceXYArea{-100, 20, -100, 44}));
-    EXPECT_EQ(slice.GetXYArea(true), (M2DSliceXYArea{-5, 20, -7, 44}));
-}
+    EXPECT_EQ(slice.GetXYArea(false), widened);
+    EXPECT_EQ(slice.GetXYArea(true), measured);
 
-TEST(M2DSlice, CopyTakeAndAppend)
-{
-    M2DSlice source;
-    source.SetZ(120);
-    AddContour(*source.GetSliceBorderUpdate(), {{0, 0}, {1, 0}, {1, 1}});
-    source.GetVectorsUpdate()->AddVectorBlockAtEnd()->Vectors.emplace_back(1, 2, 3, 4);
-    source.GetPointsUpdate()->AddPointBlockAtEnd()->Points.push_back(M2DSlicePoint(5, 5));
-    M2DSlice copy;
-    copy.CopyFrom(source, false);
+    // A copy is deep; taking empties the source; appending adds every item.
+    M2DSlice copy, taken;
+    copy.CopyFrom(slice, false);
     copy.GetSliceBorderUpdate()->GetFirstContour()->GetFirstPoint()->x = 50;
     copy.GetVectorsUpdate()->GetFirstVectorBlock()->Vectors.clear();
-    EXPECT_EQ(source.GetSliceBorder()->GetFirstContour()->GetFirstPoint()->x, 0);
-    EXPECT_EQ(source.GetVectors()->GetTotalNumVectors(), 1u);
-
-    M2DSlice taken;
-    taken.CopyFrom(source, true);
-    EXPECT_EQ(taken.GetZ(), 120);
-    EXPECT_TRUE(source.IsEmpty());
+    EXPECT_EQ(ts::PointsOf(*slice.GetSliceBorder()->GetFirstContour()), triangle);
+    EXPECT_EQ(slice.GetVectors()->GetTotalNumVectors(), 1u);
+    taken.CopyFrom(slice, true);
+    EXPECT_TRUE(taken.GetZ() == 120 && slice.IsEmpty());
     M2DSlice plain = taken; // plain copy construction is deep as well
     plain.AppendFrom(taken);
     EXPECT_EQ(std::make_tuple(plain.GetSliceBorder()->GetNumContours(), plain.GetVectors()->GetNumVectorBlocks(),
                               plain.GetPoints()->GetTotalNumPoints(), taken.GetSliceBorder()->GetNumContours()),
               std::make_tuple(2u, 2u, 2u, 1u));
-    EXPECT_EQ(Read(*plain.GetSliceBorder()->GetLastContour()), (Points{{0, 0}, {1, 0}, {1, 1}}));
+    EXPECT_EQ(Read(*plain.GetSliceBorder()->GetLastContour()), triangle);
 }
 
 // ---------------------------------------------------------------- labels
@@ -275,21 +256,18 @@ TEST(M2DSliceVectorTypeInfo, TagsCompareAndPersistThroughSax)
     EXPECT_EQ(M2DSliceVectorTypeInfo::GetFlagID(L"SliceTest.Flag"), flag);
     EXPECT_GE(flag, e2DSliceVectorTypeFlag_Count);
 
-    M2DSliceVectorTypeInfo info(e2DSliceVectorType_VectorGroup7);
+    M2DSliceVectorTypeInfo info(e2DSliceVectorType_VectorGroup7), back;
     info.SetFlag(e2DSliceVectorTypeFlag_1, true);
     info.SetFlag(flag, true);
     info.SetIndex(e2DSliceVectorTypeIndex_Parameter, 19);
     info.SetIndex(e2DSliceVectorTypeIndex_Nozzle, -3);
     info.SetNumber(e2DSliceVectorTypeNumber_1, 0.1);
     Element xml, other, broken;
-    ASSERT_TRUE(info.Write(xml));
-    M2DSliceVectorTypeInfo back;
-    ASSERT_TRUE(back.HandleTag(xml));
-    EXPECT_EQ(back, info);
     other.Tag = "Something";
-    EXPECT_FALSE(back.HandleTag(other));
     broken.Tag = "VectorType";
     broken.Attributes = {{"type", "6"}, {"indexes", "2"}};
-    EXPECT_FALSE(back.HandleTag(broken));
+    ASSERT_TRUE(info.Write(xml) && back.HandleTag(xml));
+    EXPECT_EQ(back, info);
+    EXPECT_FALSE(back.HandleTag(other) || back.HandleTag(broken));
     EXPECT_EQ(back, info); // refused input leaves the label unchanged
 }

@@ -97,11 +97,9 @@ TEST(ISource2DSlices, DefaultsDeriveFromTheSlices)
 
     // And the shared form falls back to the filling form.
     FillingSource lazy;
-    EXPECT_EQ(lazy.GetSlice(1)->GetZ(), 200);
-    EXPECT_EQ(lazy.GetSliceZPosition(2), 300);
+    EXPECT_EQ(std::make_pair(lazy.GetSlice(1)->GetZ(), lazy.GetSliceZPosition(2)), std::make_pair(200, 300));
     EXPECT_EQ(lazy.GetXYArea(), (M2DSliceXYArea{0, 2, 0, 1}));
-    EXPECT_TRUE(lazy.GetSliceIOParameters()->BordersFirst);
-    EXPECT_EQ(lazy.GetProperties(), nullptr);
+    EXPECT_TRUE(lazy.GetSliceIOParameters()->BordersFirst && lazy.GetProperties() == nullptr);
 }
 
 TEST(M2DSliceSourceVector, JoinByHeightTakesEveryHeightInRisingOrder)
@@ -125,29 +123,25 @@ TEST(M2DSliceSourceVector, JoinByHeightTakesEveryHeightInRisingOrder)
                                                                 nullptr,     b.Slices[2], a.Slices[2], nullptr,
                                                                 nullptr,     b.Slices[0]};
     for (std::size_t k = 0; k < slices.size(); ++k)
-    {
-        if (expected[k])
-            EXPECT_EQ(slices[k], expected[k]) << k;
-        else
-            EXPECT_TRUE(slices[k]->IsEmpty() && slices[k]->GetZ() == sv.GetSliceZPosition(k / 2)) << k;
-    }
+        EXPECT_TRUE(expected[k] ? slices[k] == expected[k]
+                                : slices[k]->IsEmpty() && slices[k]->GetZ() == sv.GetSliceZPosition(k / 2))
+            << k;
     M2DSliceConstDataItems items;
     sv.GetSliceItems(items, 4);
-    ASSERT_EQ(items.Slices.size(), 2u);
-    ASSERT_EQ(items.Items.size(), 1u);
+    ASSERT_EQ(std::make_pair(items.Slices.size(), items.Items.size()), std::make_pair(std::size_t{2}, std::size_t{1}));
     EXPECT_EQ(items.Items[0].GetPointBlock(), b.Slices[0]->GetPoints()->GetFirstPointBlock());
 
     // The joined slice holds every source's items, and the boxes join too.
     auto joined = sv.GetSlice(1);
-    EXPECT_EQ(joined->GetZ(), 10);
-    ASSERT_EQ(joined->GetPoints()->GetNumPointBlocks(), 2u);
-    EXPECT_EQ(joined->GetPoints()->GetPointBlock(0)->Points[0], M2DSlicePoint(1, 10));
-    EXPECT_EQ(joined->GetPoints()->GetPointBlock(1)->Points[0], M2DSlicePoint(2, 10));
+    const M2DSlicePointLayer& points = *joined->GetPoints();
+    ASSERT_EQ(std::make_pair(joined->GetZ(), points.GetNumPointBlocks()), std::make_pair(10, std::size_t{2}));
+    EXPECT_EQ(std::make_pair(points.GetPointBlock(0)->Points[0], points.GetPointBlock(1)->Points[0]),
+              std::make_pair(M2DSlicePoint(1, 10), M2DSlicePoint(2, 10)));
     EXPECT_EQ(sv.GetXYArea(1), (M2DSliceXYArea{1, 2, 10, 10}));
     EXPECT_EQ(sv.GetXYArea(), (M2DSliceXYArea{1, 2, 0, 30}));
 }
 
-TEST(M2DSliceSourceVector, JoinByIndexPadsShorterSources)
+TEST(M2DSliceSourceVector, JoinByIndexPadsShorterSourcesAndTheFirstGivesParameters)
 {
     ListSource a({0, 10, 20}, 1);
     ListSource b({5, 15}, 2);
@@ -157,13 +151,11 @@ TEST(M2DSliceSourceVector, JoinByIndexPadsShorterSources)
     M2DSliceConstDataItems items;
     sv.GetSliceItems(items, 2);
     ASSERT_EQ(items.Slices.size(), 2u);
-    EXPECT_TRUE(items.Slices[0]->IsEmpty());
-    EXPECT_EQ(items.Slices[0]->GetZ(), 20);
+    EXPECT_TRUE(items.Slices[0]->IsEmpty() && items.Slices[0]->GetZ() == 20);
     EXPECT_EQ(items.Slices[1], a.Slices[2]);
     // Asking past the end gives empty slices, one per source, rather than failing.
     sv.GetSliceItems(items, 3);
-    EXPECT_EQ(items.Slices.size(), 2u);
-    EXPECT_TRUE(items.Items.empty());
+    EXPECT_TRUE(items.Slices.size() == 2u && items.Items.empty());
 
     // One source hands out its own slice; a filling source fills directly.
     M2DSliceSourceVector single;
@@ -175,21 +167,14 @@ TEST(M2DSliceSourceVector, JoinByIndexPadsShorterSources)
     single.GetSlice(filled, 2);
     EXPECT_EQ(filled.GetZ(), 300);
     EXPECT_EQ(filled.GetVectors()->GetTotalNumVectors(), 1u);
-}
 
-TEST(M2DSliceSourceVector, FirstSourceGivesParametersAndEachItsOwnOrder)
-{
-    ListSource a({0, 10}, 1);
-    ListSource b({0, 10}, 2);
+    // The first source that is not null gives the parameters.
     a.IO.BordersFirst = false;
-    M2DSliceSourceVector sv;
     sv.SetVector({nullptr, &a, &b});
-    EXPECT_EQ(sv.GetSliceIOParameters(), &a.IO);
-    EXPECT_EQ(sv.GetSliceParameters(), &a.Parameters);
-    EXPECT_EQ(sv.GetProperties(), &a.Properties);
+    EXPECT_EQ(std::make_tuple(sv.GetSliceIOParameters(), sv.GetSliceParameters(), sv.GetProperties()),
+              std::make_tuple(&a.IO, &a.Parameters, &a.Properties));
     EXPECT_EQ(sv.GetSliceThickness(), 10);
-
-    // Contours, vectors, points by default; a puts vectors before contours.
+    // Each source keeps its own order: contours, vectors, points by default; a puts vectors first.
     for (ListSource* s : {&a, &b})
     {
         s->Slices[0]->GetSliceBorderUpdate()->AddContourAtEnd();
@@ -198,10 +183,7 @@ TEST(M2DSliceSourceVector, FirstSourceGivesParametersAndEachItsOwnOrder)
     EXPECT_EQ(Kinds(b, 0), "cvp");
     EXPECT_EQ(Kinds(a, 0), "vcp");
     EXPECT_EQ(Kinds(sv, 0), "vcpcvp");
-
-    M2DSliceSourceVector none;
-    none.SetVector({nullptr});
-    EXPECT_EQ(none.GetNumSlices(), 0u);
-    EXPECT_EQ(none.GetProperties(), nullptr);
-    EXPECT_TRUE(none.GetSliceIOParameters()->BordersFirst);
+    single.SetVector({nullptr});
+    EXPECT_TRUE(single.GetNumSlices() == 0u && single.GetProperties() == nullptr);
+    EXPECT_TRUE(single.GetSliceIOParameters()->BordersFirst);
 }

@@ -24,9 +24,18 @@ public:
     mutable int Calls = 0;
 };
 
+// A block of the given kind holding one vector from (x, 10) to (x + 10, 20).
+M2DSliceVectorBlock* AddBlock(M2DSliceVectorLayer& layer, e2DSliceVectorType type, int x)
+{
+    M2DSliceVectorBlock* block = layer.AddVectorBlockAtEnd();
+    block->SetTypeInfo(type);
+    block->Vectors.emplace_back(x, 10, x + 10, 20);
+    return block;
+}
+
 } // namespace
 
-TEST(M2DSliceUtilities, ContoursBecomeVectorsWithTheClosingSegment)
+TEST(M2DSliceUtilities, ContoursBecomeVectorsWithTheClosingSegmentAndChainsBecomeContours)
 {
     M2DSliceContourLayer border;
     M2DSliceContour* closed = AddContour(border, {{0, 0}, {0, 10}, {10, 10}});
@@ -39,22 +48,12 @@ TEST(M2DSliceUtilities, ContoursBecomeVectorsWithTheClosingSegment)
     vectors.AddVectorBlockAtEnd(); // existing blocks stay in front
     M2DSliceUtilities::AddContoursToVectorLayer(border, vectors);
     ASSERT_EQ(vectors.GetNumVectorBlocks(), 3u);
-    const M2DSliceVectorBlock& a = *vectors.GetVectorBlock(1);
+    const M2DSliceVectorBlock &a = *vectors.GetVectorBlock(1), &b = *vectors.GetVectorBlock(2);
     EXPECT_EQ(a.Vectors, (std::vector<M2DSliceVector>{{0, 0, 0, 10}, {0, 10, 10, 10}, {10, 10, 0, 0}}));
-    EXPECT_EQ(a.GetTypeInfo().GetIndex(e2DSliceVectorTypeIndex_Part), 4);
-    const M2DSliceVectorBlock& b = *vectors.GetVectorBlock(2);
     EXPECT_EQ(b.Vectors, (std::vector<M2DSliceVector>{{1, 2, 3, 4}, {3, 4, 5, 6}}));
-    EXPECT_EQ(b.GetTypeInfo().GetType(), e2DSliceVectorType_Hatch);
+    EXPECT_TRUE(a.GetTypeInfo() == closed->GetTypeInfo() && b.GetTypeInfo() == open->GetTypeInfo()); // labels kept
 
-    // A closed contour of two points goes there and back.
-    M2DSliceVectorBlock twoPoints;
-    M2DSliceContourLayer other;
-    M2DSliceUtilities::ConvertContourToVectors(*AddContour(other, {{0, 0}, {7, 0}}), twoPoints);
-    EXPECT_EQ(twoPoints.Vectors, (std::vector<M2DSliceVector>{{0, 0, 7, 0}, {7, 0, 0, 0}}));
-}
-
-TEST(M2DSliceUtilities, ChainsOfVectorsBecomeContours)
-{
+    // Chains of vectors become contours, closed when they come back to their start.
     M2DSliceVectorBlock block;
     block.SetTypeInfo(e2DSliceVectorType_Kind9);
     block.Vectors = {
@@ -63,45 +62,39 @@ TEST(M2DSliceUtilities, ChainsOfVectorsBecomeContours)
         {40, 40, 50, 50}, {50, 50, 40, 40},                             // there and back
         {7, 7, 7, 7},                                                   // lone zero-length vector
     };
-    M2DSliceContourLayer border;
-    M2DSliceUtilities::ConvertVectorsToContours(block, border);
+    M2DSliceContourLayer chains;
+    M2DSliceUtilities::ConvertVectorsToContours(block, chains);
     std::vector<std::pair<bool, Points>> contours;
-    for (const M2DSliceContour& c : border)
+    for (const M2DSliceContour& c : chains)
         contours.emplace_back(c.GetIsClosed(), Read(c));
     // A vector and its way back chain into a closed contour of two points.
     EXPECT_EQ(contours, (std::vector<std::pair<bool, Points>>{{true, {{0, 0}, {0, 10}, {10, 10}, {10, 0}}},
                                                               {false, {{20, 0}, {30, 0}, {30, 5}}},
                                                               {true, {{40, 40}, {50, 50}}},
                                                               {false, {{7, 7}, {7, 7}}}}));
-    EXPECT_EQ(border.GetFirstContour()->GetTypeInfo().GetType(), e2DSliceVectorType_Kind9);
+    EXPECT_EQ(chains.GetFirstContour()->GetTypeInfo().GetType(), e2DSliceVectorType_Kind9);
 
-    // Round trip: the contours give back the vectors they came from.
+    // Round trip: the contours give back the vectors they came from; a closed contour of two
+    // points goes there and back.
     M2DSliceVectorBlock back;
-    for (const M2DSliceContour& contour : border)
+    for (const M2DSliceContour& contour : chains)
         M2DSliceUtilities::ConvertContourToVectors(contour, back);
     EXPECT_EQ(back.Vectors, block.Vectors);
 
-    M2DSliceVectorBlock empty;
-    M2DSliceUtilities::ConvertVectorsToContours(empty, border);
-    EXPECT_EQ(border.GetNumContours(), 4u);
+    M2DSliceUtilities::ConvertVectorsToContours(M2DSliceVectorBlock(), chains);
+    EXPECT_EQ(chains.GetNumContours(), 4u);
 }
 
 TEST(M2DSliceUtilities, MergeJoinsRunsThatThePredicateAllows)
 {
     M2DSliceVectorLayer layer;
-    auto add = [&](e2DSliceVectorType type, int x) {
-        M2DSliceVectorBlock* b = layer.AddVectorBlockAtEnd();
-        b->SetTypeInfo(type);
-        b->Vectors.emplace_back(x, 0, x, 1);
-        return b;
-    };
-    M2DSliceVectorBlock* a = add(e2DSliceVectorType_Hatch, 1);
-    add(e2DSliceVectorType_Hatch, 2);
-    add(e2DSliceVectorType_Hatch, 3);
-    M2DSliceVectorBlock* c = add(e2DSliceVectorType_Border, 4);
-    M2DSliceVectorBlock* d = add(e2DSliceVectorType_Hatch, 5);
-    add(e2DSliceVectorType_Hatch, 6);
-
+    std::vector<M2DSliceVectorBlock*> added;
+    const e2DSliceVectorType hatch = e2DSliceVectorType_Hatch;
+    int x = 0;
+    for (e2DSliceVectorType type : {hatch, hatch, hatch, e2DSliceVectorType_Border, hatch, hatch})
+        added.push_back(AddBlock(layer, type, ++x));
+    M2DSliceVectorBlock *a = added[0], *c = added[3], *d = added[4];
+    // Each neighbouring pair is asked once.
     SameLabel predicate;
     M2DSliceUtilities::MergeVectorBlocks(layer, predicate);
     EXPECT_EQ(predicate.Calls, 5);
@@ -110,7 +103,7 @@ TEST(M2DSliceUtilities, MergeJoinsRunsThatThePredicateAllows)
         blocks.push_back(b);
     EXPECT_EQ(blocks, (std::vector<const M2DSliceVectorBlock*>{a, c, d}));
     EXPECT_EQ(layer.GetNumVectorBlocks(), 3u);
-    EXPECT_EQ(a->Vectors, (std::vector<M2DSliceVector>{{1, 0, 1, 1}, {2, 0, 2, 1}, {3, 0, 3, 1}}));
+    EXPECT_EQ(a->Vectors, (std::vector<M2DSliceVector>{{1, 10, 11, 20}, {2, 10, 12, 20}, {3, 10, 13, 20}}));
     EXPECT_EQ(d->Vectors.size(), 2u);
 
     M2DSliceVectorLayer none;
@@ -131,9 +124,8 @@ TEST(M2DSliceUtilities, OrientBorderFixesOuterAndHoleSense)
     EXPECT_GT(M2DSliceUtilities::SignedAreaSum(*hole), 0);
 
     M2DSliceUtilities::OrientBorder(border);
-    EXPECT_TRUE(outer->GetIsOuterContour());
-    EXPECT_FALSE(hole->GetIsOuterContour());
-    EXPECT_TRUE(island->GetIsOuterContour());
+    EXPECT_EQ(std::make_tuple(outer->GetIsOuterContour(), hole->GetIsOuterContour(), island->GetIsOuterContour()),
+              std::make_tuple(true, false, true));
     EXPECT_EQ(M2DSliceUtilities::SignedAreaSum(*outer), 2.0 * 100 * 100);
     EXPECT_EQ(M2DSliceUtilities::SignedAreaSum(*hole), -2.0 * 30 * 30);
     EXPECT_GT(M2DSliceUtilities::SignedAreaSum(*island), 0);
@@ -174,17 +166,15 @@ TEST(M2DSliceOperatorDetermineAreas, DepthParentAndGroups)
     for (const auto& a : areas)
         depthAndParent.emplace_back(a.Depth, a.Parent);
     EXPECT_EQ(depthAndParent, (std::vector<std::pair<int, long>>{{3, 4}, {0, -1}, {0, -1}, {1, 1}, {2, 3}, {0, -1}, {1, 1}, {1, 1}}));
-    EXPECT_EQ(areas[1].SignedArea, 100.0 * 100);
-    EXPECT_EQ(areas[3].SignedArea, -50.0 * 50);
-    EXPECT_EQ(areas[5].SignedArea, 0.0);
+    EXPECT_EQ(std::make_tuple(areas[1].SignedArea, areas[3].SignedArea, areas[5].SignedArea),
+              std::make_tuple(100.0 * 100, -50.0 * 50, 0.0));
 
     // Index 0 is a hole (depth 3) of the island 4; every contour is in one group.
     using Group = std::vector<std::size_t>;
     EXPECT_EQ(op.GetGroups(), (std::vector<Group>{{1, 3, 6, 7}, {2}, {4, 0}, {5}}));
 
     op.DetermineAreas(nullptr);
-    EXPECT_TRUE(op.GetAreas().empty());
-    EXPECT_TRUE(op.GetGroups().empty());
+    EXPECT_TRUE(op.GetAreas().empty() && op.GetGroups().empty());
 }
 
 TEST(M2DSliceOperatorSortRegions, ListedKindsFirstThenRegionByRegion)
@@ -192,20 +182,14 @@ TEST(M2DSliceOperatorSortRegions, ListedKindsFirstThenRegionByRegion)
     auto slice = std::make_shared<M2DSlice>();
     AddContour(*slice->GetSliceBorderUpdate(), Square(0, 0, 100));    // region 0
     AddContour(*slice->GetSliceBorderUpdate(), Square(500, 0, 100));  // region 1
-    M2DSliceVectorLayer* layer = slice->GetVectorsUpdate();
-    auto add = [&](e2DSliceVectorType type, int x) {
-        M2DSliceVectorBlock* b = layer->AddVectorBlockAtEnd();
-        b->SetTypeInfo(type);
-        b->Vectors.emplace_back(x, 10, x + 10, 20);
-        return b;
-    };
-    const M2DSliceVectorBlock* hatch1 = add(e2DSliceVectorType_Hatch, 510);
-    const M2DSliceVectorBlock* other = add(e2DSliceVectorType_VectorGroup7, 10);
-    const M2DSliceVectorBlock* hatch0 = add(e2DSliceVectorType_Hatch, 10);
-    const M2DSliceVectorBlock* border1 = add(e2DSliceVectorType_Border, 520);
-    const M2DSliceVectorBlock* stray = add(e2DSliceVectorType_Hatch, 2000);
-    const M2DSliceVectorBlock* border0 = add(e2DSliceVectorType_Border, 20);
-    const M2DSliceVectorBlock* hatch1b = add(e2DSliceVectorType_Hatch, 530);
+    M2DSliceVectorLayer& layer = *slice->GetVectorsUpdate();
+    const M2DSliceVectorBlock* hatch1 = AddBlock(layer, e2DSliceVectorType_Hatch, 510);
+    const M2DSliceVectorBlock* other = AddBlock(layer, e2DSliceVectorType_VectorGroup7, 10);
+    const M2DSliceVectorBlock* hatch0 = AddBlock(layer, e2DSliceVectorType_Hatch, 10);
+    const M2DSliceVectorBlock* border1 = AddBlock(layer, e2DSliceVectorType_Border, 520);
+    const M2DSliceVectorBlock* stray = AddBlock(layer, e2DSliceVectorType_Hatch, 2000);
+    const M2DSliceVectorBlock* border0 = AddBlock(layer, e2DSliceVectorType_Border, 20);
+    const M2DSliceVectorBlock* hatch1b = AddBlock(layer, e2DSliceVectorType_Hatch, 530);
 
     M2DSliceOperatorSortRegions sorter;
     sorter.SetSortingOrder({e2DSliceVectorType_Border, e2DSliceVectorType_Hatch}, true);

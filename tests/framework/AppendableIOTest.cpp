@@ -29,23 +29,20 @@ std::vector<int> LoadHeights(const std::wstring& path, std::uint64_t* complete =
     return heights;
 }
 
-std::string ValidationMessage(M2DSliceContainerAppendableIO& writer, const std::vector<std::int32_t>& heights)
+// A validated round of the given heights must be refused at z, for lying below `last`.
+void ExpectRefusal(M2DSliceContainerAppendableIO& writer, const std::vector<std::int32_t>& heights, int z, int last)
 {
     try
     {
         writer.WriteContainer(*MakeStack(heights), true, false);
+        ADD_FAILURE() << "no exception at " << z;
     }
     catch (const std::invalid_argument& e)
     {
-        return e.what();
+        EXPECT_EQ("Slice can't be written on the height " + std::to_string(z) +
+                      ", due to already appended. It should be started from Z = " + std::to_string(last),
+                  e.what());
     }
-    return "no exception";
-}
-
-std::string Refusal(int z, int last)
-{
-    return "Slice can't be written on the height " + std::to_string(z) +
-           ", due to already appended. It should be started from Z = " + std::to_string(last);
 }
 
 } // namespace
@@ -55,22 +52,22 @@ TEST(M2DSliceContainerAppendableIO, ValidationRefusesHeightsBelowTheLast)
     ScratchDir dir;
     M2DSliceContainerAppendableIO writer(0);
     ASSERT_TRUE(writer.InitializeAppendWriter(dir.WFile("v.cli"), kMM, 100, false));
-    EXPECT_TRUE(writer.WriteContainer(*MakeStack({10}), true, false));
-    EXPECT_TRUE(writer.WriteContainer(*MakeStack({20}), true, false));
-    EXPECT_EQ(Refusal(15, 20), ValidationMessage(writer, {15}));
+    for (std::int32_t z : {10, 20})
+        EXPECT_TRUE(writer.WriteContainer(*MakeStack({z}), true, false)) << z;
+    ExpectRefusal(writer, {15}, 15, 20);
     EXPECT_EQ(2u, writer.GetNumAppendIterations());
     EXPECT_TRUE(writer.WriteContainer(*MakeStack({20, 30}), true, false)); // an equal height passes
     // Heights stored before a refusal stay stored: in a round of 50 then 45, the 50 is kept
     // although the round is refused, and 48 is then refused against it.
-    EXPECT_EQ(Refusal(45, 50), ValidationMessage(writer, {50, 45}));
-    EXPECT_EQ(Refusal(48, 50), ValidationMessage(writer, {48}));
+    ExpectRefusal(writer, {50, 45}, 45, 50);
+    ExpectRefusal(writer, {48}, 48, 50);
     EXPECT_EQ(3u, writer.GetNumAppendIterations());
     EXPECT_TRUE(writer.ReleaseAppendWriter());
 
     // The last height starts at 0, so a negative first height is refused.
     M2DSliceContainerAppendableIO fresh(0);
     ASSERT_TRUE(fresh.InitializeAppendWriter(dir.WFile("n.cli"), kMM, 100, false));
-    EXPECT_EQ(Refusal(-5, 0), ValidationMessage(fresh, {-5}));
+    ExpectRefusal(fresh, {-5}, -5, 0);
     EXPECT_TRUE(fresh.WriteContainer(*MakeStack({-5}), false, false)); // without validation it goes in
 }
 
@@ -78,16 +75,15 @@ TEST(M2DSliceContainerAppendableIO, RoundsAreCountedAndReadBack)
 {
     ScratchDir dir;
     M2DSliceContainerAppendableIO writer(0);
-    M2DSliceStack empty;
-    EXPECT_FALSE(writer.WriteContainer(*MakeStack({1000}), false, false)); // not initialised
-    EXPECT_FALSE(writer.ReleaseAppendWriter());
+    // Not initialised.
+    EXPECT_FALSE(writer.WriteContainer(*MakeStack({1000}), false, false) || writer.ReleaseAppendWriter());
     ASSERT_TRUE(writer.InitializeAppendWriter(dir.WFile("r.cli"), kMM, 100, false));
     // A second initialisation changes nothing, its path included.
     EXPECT_TRUE(writer.InitializeAppendWriter(dir.WFile("other.cli"), 1, 1, false));
     EXPECT_FALSE(std::filesystem::exists(dir.File("other.cli")));
 
     EXPECT_TRUE(writer.WriteContainer(*MakeStack({1000, 2000, 3000}), true, true));
-    EXPECT_FALSE(writer.WriteContainer(empty, true, true));
+    EXPECT_FALSE(writer.WriteContainer(M2DSliceStack(), true, true));
     EXPECT_TRUE(writer.WriteContainer(*MakeStack({4000, 5000, 6000, 7000}), true, false));
     EXPECT_EQ(std::make_tuple(2u, 7u), std::make_tuple(writer.GetNumAppendIterations(), writer.GetNumWrittenSlices()))
         << "rounds, slices";
@@ -127,7 +123,6 @@ TEST(M2DSliceContainerAppendableIO, UnsuitableFormatsAndPathsFail)
     format->AppendMode = false;
     std::shared_ptr<I2DSliceIO> io = format;
     M2DSliceContainerAppendableIO noAppend(io);
-    EXPECT_EQ(io, noAppend.GetSliceIO());
     EXPECT_FALSE(noAppend.InitializeAppendWriter(dir.WFile("a.cli"), kMM, 1, false));
     EXPECT_FALSE(std::filesystem::exists(dir.File("a.cli")));
     // Forcing skips only the first test: the header without sources then fails, and the
@@ -138,8 +133,8 @@ TEST(M2DSliceContainerAppendableIO, UnsuitableFormatsAndPathsFail)
 
     EXPECT_FALSE(M2DSliceContainerAppendableIO(7).InitializeAppendWriter(dir.WFile("c.cli"), kMM, 1, true));
     M2DSliceContainerAppendableIO writer(0);
-    EXPECT_FALSE(writer.InitializeAppendWriter(dir.WFile("missing/d.cli"), kMM, 1, false));
-    EXPECT_FALSE(writer.InitializeAppendWriter(dir.WFile("e.cli"), 3, 1, false));
+    EXPECT_FALSE(writer.InitializeAppendWriter(dir.WFile("missing/d.cli"), kMM, 1, false) ||
+                 writer.InitializeAppendWriter(dir.WFile("e.cli"), 3, 1, false));
     ASSERT_TRUE(writer.InitializeAppendWriter(L"/dev/full", kMM, 1, false));
     EXPECT_FALSE(writer.WriteContainer(*MakeStack({1000}), false, true)); // the flush fails
     EXPECT_FALSE(writer.ReleaseAppendWriter());
@@ -176,9 +171,9 @@ TEST(AppendableIOConcurrency, ThreadsAppendEveryLayerExactlyOnce)
     std::uint64_t complete = 0;
     std::vector<int> heights = LoadHeights(dir.WFile("c.cli"), &complete);
     std::sort(heights.begin(), heights.end());
-    std::vector<int> expected;
-    for (int i = 1; i <= kTotal; ++i)
-        expected.push_back(i * 100);
+    std::vector<int> expected(kTotal);
+    for (int i = 0; i < kTotal; ++i)
+        expected[i] = (i + 1) * 100;
     EXPECT_EQ(expected, heights);
     EXPECT_EQ(std::uint64_t{kTotal}, complete);
 }

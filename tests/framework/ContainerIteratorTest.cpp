@@ -35,6 +35,13 @@ protected:
         it.GetSlice(slice, i);
         ExpectSameSlice(*_reference.GetSlice(i), slice, where + " layer " + std::to_string(i));
     }
+    // The slice handed in holds a square, so that a read that leaves it alone is caught.
+    static void ExpectEmpty(const M2DSliceContainerIterator& it, std::uint64_t i)
+    {
+        M2DSlice slice = MakeSquareSlice(1, 0, 0, 1000);
+        it.GetSlice(slice, i);
+        EXPECT_TRUE(slice.IsEmpty()) << "layer " << i;
+    }
 
     ScratchDir _dir;
     std::string _path = _dir.File("job.cli");
@@ -46,10 +53,9 @@ protected:
 TEST_F(M2DSliceContainerIteratorTest, ScanMeasuresEveryLayer)
 {
     M2DSliceContainerIterator it(Wide(_path), 0, true, 0, true);
-    ASSERT_TRUE(it.IsValid());
-    ASSERT_EQ(kLayers, it.GetNumSlices());
-    EXPECT_EQ(-1, it.GetSliceThickness()); // whatever the file says
-    EXPECT_EQ(100, it.GetSliceParameters()->Resolution);
+    ASSERT_TRUE(it.IsValid() && it.GetNumSlices() == kLayers) << it.GetNumSlices();
+    // The thickness is whatever the file says.
+    EXPECT_EQ(std::make_tuple(-1, 100), std::make_tuple(it.GetSliceThickness(), it.GetSliceParameters()->Resolution));
 
     double area = 0.0, length = 0.0;
     M2DSliceXYArea box;
@@ -66,14 +72,14 @@ TEST_F(M2DSliceContainerIteratorTest, ScanMeasuresEveryLayer)
     EXPECT_EQ(box, it.GetXYArea());
     EXPECT_DOUBLE_EQ(area, it.GetTotalSurfaceArea());
     EXPECT_DOUBLE_EQ(length, it.GetTotalContourLength());
-    EXPECT_EQ(kLayers, it.GetTotals().NumContours);
-    EXPECT_EQ(0u, it.GetTotals().NumVectorBlocks); // the scan asks the format to skip vectors
+    // The scan asks the format to skip vectors.
+    EXPECT_EQ(std::make_tuple(kLayers, 0u),
+              std::make_tuple(it.GetTotals().NumContours, it.GetTotals().NumVectorBlocks));
 
     // Without the scan at construction; a second scan rebuilds the table instead of doubling it.
     M2DSliceContainerIterator later(Wide(_path), 0, true, 0, false);
     EXPECT_FALSE(later.IsValid() || later.GetNumSlices());
-    EXPECT_TRUE(later._ScanFile() && later._ScanFile() && later.IsValid());
-    EXPECT_EQ(kLayers, later.GetNumSlices());
+    EXPECT_TRUE(later._ScanFile() && later._ScanFile() && later.IsValid() && later.GetNumSlices() == kLayers);
     ExpectSlice(later, 7);
 }
 
@@ -129,25 +135,22 @@ TEST_F(M2DSliceContainerIteratorTest, ReadingOnInOrderDoesNotSeek)
 TEST_F(M2DSliceContainerIteratorTest, CopyReadsOnAnotherThread)
 {
     M2DSliceContainerIterator it(Wide(_path), 0, true, 300, true);
-    ASSERT_TRUE(it.IsValid());
     M2DSliceContainerIterator copy(it);
-    ASSERT_TRUE(copy.IsValid());
+    ASSERT_TRUE(it.IsValid() && copy.IsValid());
     EXPECT_NE(it.GetSliceIO(), copy.GetSliceIO());
     EXPECT_EQ(0, copy.GetSliceIO()->GetFileType());
 
-    std::vector<M2DSlice> forward(kLayers), backward(kLayers);
+    // The original reads forwards into the first half, the copy backwards into the second.
+    std::vector<M2DSlice> read(2 * kLayers);
     std::thread other([&] {
         for (std::uint64_t i = kLayers; i-- > 0;)
-            copy.GetSlice(backward[i], i);
+            copy.GetSlice(read[kLayers + i], i);
     });
     for (std::uint64_t i = 0; i < kLayers; ++i)
-        it.GetSlice(forward[i], i);
+        it.GetSlice(read[i], i);
     other.join();
-    for (std::uint64_t i = 0; i < kLayers; ++i)
-    {
-        ExpectSameSlice(*_reference.GetSlice(i), forward[i], "forward " + std::to_string(i));
-        ExpectSameSlice(*_reference.GetSlice(i), backward[i], "backward " + std::to_string(i));
-    }
+    for (std::uint64_t i = 0; i < 2 * kLayers; ++i)
+        ExpectSameSlice(*_reference.GetSlice(i % kLayers), read[i], "read " + std::to_string(i));
 }
 
 TEST_F(M2DSliceContainerIteratorTest, BrokenFilesGiveEmptySlices)
@@ -158,11 +161,7 @@ TEST_F(M2DSliceContainerIteratorTest, BrokenFilesGiveEmptySlices)
     M2DSliceContainerIterator invalid(Wide(_path), failing, true, 0, true);
     EXPECT_FALSE(invalid.IsValid());
     for (std::uint64_t i = 0; i < invalid.GetNumSlices(); ++i)
-    {
-        M2DSlice slice = MakeSquareSlice(1, 0, 0, 1000);
-        invalid.GetSlice(slice, i);
-        EXPECT_TRUE(slice.IsEmpty());
-    }
+        ExpectEmpty(invalid, i);
     EXPECT_FALSE(M2DSliceContainerIterator(invalid).IsValid());
     M2DSliceContainerIterator missing(_dir.WFile("missing.cli"), 0, true, 0, true);
     EXPECT_FALSE(missing.IsValid() || missing.GetNumSlices());
@@ -173,26 +172,21 @@ TEST_F(M2DSliceContainerIteratorTest, BrokenFilesGiveEmptySlices)
     ASSERT_TRUE(it.IsValid());
     std::filesystem::resize_file(_path, static_cast<std::uintmax_t>(it.GetLayerTable()[20].Position));
     ExpectSlice(it, 3);
-    M2DSlice slice;
-    for (std::uint64_t i : {std::uint64_t{30}, kLayers - 1})
-    {
-        it.GetSlice(slice, i);
-        EXPECT_TRUE(slice.IsEmpty()) << i;
-    }
+    ExpectEmpty(it, 30);
+    ExpectEmpty(it, kLayers - 1);
     // Deleted: whatever the reads give, they must not fail hard.
     std::filesystem::remove(_path);
+    M2DSlice slice;
     for (std::uint64_t i = kLayers; i-- > 0;)
         it.GetSlice(slice, i);
-    it.GetSlice(slice, kLayers + 5);
-    EXPECT_TRUE(slice.IsEmpty());
+    ExpectEmpty(it, kLayers + 5);
 
     // A file without layers is valid and empty.
     WriteFile(_path, "$$HEADERSTART\n$$BINARY\n$$UNITS/00000000.010000\n$$VERSION/200\n$$HEADEREND");
     M2DSliceContainerIterator none(Wide(_path), 0, true, 0, true);
     EXPECT_TRUE(none.IsValid() && none.GetNumSlices() == 0 && none.GetXYArea().IsEmpty());
     EXPECT_EQ(100, none.GetSliceParameters()->Resolution);
-    none.GetSlice(slice, 0);
-    EXPECT_TRUE(slice.IsEmpty());
+    ExpectEmpty(none, 0);
 }
 
 TEST_F(M2DSliceContainerIteratorTest, InitSliceStackFromSliceFile)

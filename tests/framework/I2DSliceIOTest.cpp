@@ -17,15 +17,15 @@ class I2DSliceIOTest : public ::testing::Test
 protected:
     void OpenForWrite()
     {
-        ASSERT_TRUE(io.OpenFile(path, I2DSliceIO::Write));
-        ASSERT_TRUE(io.WriteHeader(one, MUnit::GetIE(), 1));
+        ASSERT_TRUE(io.OpenFile(path, I2DSliceIO::Write) && io.WriteHeader(one, MUnit::GetIE(), 1));
         io.calls.clear();
     }
-    bool Write(std::int32_t z, bool empty = false)
+    // A layer of one slice at z, empty or a square; `unsetToo` adds an empty slice of no height.
+    bool Write(std::int32_t z, bool empty = false, bool unsetToo = false)
     {
         auto slice = empty ? std::make_shared<M2DSlice>() : SquareAt(z, z, -z);
         slice->SetZ(z);
-        return io.WriteLayer(one, Items({slice}));
+        return io.WriteLayer(one, unsetToo ? Items({slice, std::make_shared<M2DSlice>()}) : Items({slice}));
     }
     // Writes the layers, closes the file and opens it again for reading.
     void WriteAndReopen(std::initializer_list<std::shared_ptr<M2DSlice>> layers)
@@ -33,8 +33,7 @@ protected:
         OpenForWrite();
         for (const auto& layer : layers)
             ASSERT_TRUE(io.WriteLayer(one, Items({layer})));
-        ASSERT_TRUE(io.WriteFooter(one) && io.CloseFile());
-        ASSERT_TRUE(io.OpenFile(path, I2DSliceIO::Read));
+        ASSERT_TRUE(io.WriteFooter(one) && io.CloseFile() && io.OpenFile(path, I2DSliceIO::Read));
         M2DSliceContainerIOProperties odd;
         odd.UnitConversionFactor = 1;
         io.SetIoProperties(odd);
@@ -43,8 +42,7 @@ protected:
 
     TestFormat io;
     M2DSliceStack source1, source2;
-    std::vector<const ISource2DSlices*> one{&source1};
-    std::vector<const ISource2DSlices*> two{&source1, &source2};
+    std::vector<const ISource2DSlices*> one{&source1}, two{&source1, &source2};
     ts::ScratchDir dir;
     std::wstring path = dir.WFile("file.tst");
 };
@@ -53,24 +51,21 @@ TEST_F(I2DSliceIOTest, OperationsCheckTheOpenMode)
 {
     // Path and mode are stored before any check.
     EXPECT_FALSE(io.OpenFile(path, static_cast<I2DSliceIO::MOpenMode>(3)));
-    EXPECT_EQ(io.GetPath(), path);
-    EXPECT_EQ(io.GetOpenMode(), 3);
+    EXPECT_EQ(std::make_pair(io.GetPath(), static_cast<int>(io.GetOpenMode())), std::make_pair(path, 3));
     EXPECT_FALSE(io.OpenFile(path + L".missing", I2DSliceIO::Read));
     EXPECT_EQ(io.GetOpenMode(), I2DSliceIO::Read);
-    EXPECT_TRUE(io.calls.empty()); // no hook for a failed open
-    EXPECT_FALSE(io.WriteHeader(one, MUnit::GetIE(), 1)); // not open
-    EXPECT_FALSE(Write(10));
+    EXPECT_TRUE(io.calls.empty());                                    // no hook for a failed open
+    EXPECT_FALSE(io.WriteHeader(one, MUnit::GetIE(), 1) || Write(10)); // not open
 
     OpenForWrite();
     auto slice = SquareAt(7);
     EXPECT_FALSE(io.ReadLayer(*slice, nullptr, true));
-    EXPECT_EQ(slice->GetZ(), 7); // untouched
-    EXPECT_EQ(slice->GetSliceBorder()->GetNumContours(), 1u);
+    EXPECT_EQ(std::make_tuple(slice->GetZ(), slice->GetSliceBorder()->GetNumContours()), std::make_tuple(7, 1u))
+        << "untouched";
     M2DSliceContainerScanInfo info;
     EXPECT_FALSE(io.ScanLayer(info, nullptr, true) || io.ReadHeader(nullptr) || io.ReadFooter(nullptr));
-    EXPECT_TRUE(io.WriteHeaderPerSliceContainer(3)); // no check at all
-    // The hook runs on the closed file.
-    EXPECT_TRUE(io.CloseFile());
+    // No check at all for the container header; the close hook runs on the closed file.
+    EXPECT_TRUE(io.WriteHeaderPerSliceContainer(3) && io.CloseFile());
     EXPECT_EQ(io.calls, (Calls{"container 3", "close"}));
     EXPECT_FALSE(io.closeSawOpenFile);
 
@@ -81,10 +76,8 @@ TEST_F(I2DSliceIOTest, OperationsCheckTheOpenMode)
     // A device that refuses every byte: the error shows at flushing and closing, and the
     // failed close calls no hook.
     io.calls.clear();
-    ASSERT_TRUE(io.OpenFile(L"/dev/full", I2DSliceIO::Write));
-    ASSERT_TRUE(io.WriteHeader(one, MUnit::GetIE(), 1));
-    EXPECT_FALSE(io.FlushFile());
-    EXPECT_FALSE(io.CloseFile());
+    ASSERT_TRUE(io.OpenFile(L"/dev/full", I2DSliceIO::Write) && io.WriteHeader(one, MUnit::GetIE(), 1));
+    EXPECT_FALSE(io.FlushFile() || io.CloseFile());
     EXPECT_EQ(io.calls, (Calls{"open 1", "header 1"}));
 }
 
@@ -95,8 +88,8 @@ TEST_F(I2DSliceIOTest, WriteHeaderChecksSourcesAndUnitsBeforeStoring)
     EXPECT_TRUE(io.WriteHeader(one, perInch, 100));
     for (std::int32_t bad : {1, 25400, 0})
         EXPECT_FALSE(io.WriteHeader(one, bad, 7)) << bad;
-    EXPECT_EQ(io.Properties().UnitConversionFactor, perInch);
-    EXPECT_EQ(io.Properties().InverseResolution, 100);
+    EXPECT_EQ(std::make_tuple(io.Properties().UnitConversionFactor, io.Properties().InverseResolution),
+              std::make_tuple(perInch, 100));
 
     EXPECT_FALSE(io.WriteHeader({}, MUnit::GetIE(), 1)); // no append mode, no empty source list
     io.appendSupported = true;
@@ -108,8 +101,7 @@ TEST_F(I2DSliceIOTest, WriteHeaderChecksSourcesAndUnitsBeforeStoring)
 TEST_F(I2DSliceIOTest, WriteLayerMatchesSlicesToSourcesAndHeights)
 {
     OpenForWrite();
-    EXPECT_FALSE(io.WriteLayer(two, Items({SquareAt(10)})));
-    EXPECT_FALSE(io.WriteLayer(one, M2DSliceConstDataItems()));
+    EXPECT_FALSE(io.WriteLayer(two, Items({SquareAt(10)})) || io.WriteLayer(one, M2DSliceConstDataItems()));
     EXPECT_TRUE(io.WriteLayer(one, Items({SquareAt(10), SquareAt(10, 500)})));
     EXPECT_TRUE(io.WriteLayer(two, Items({SquareAt(20), SquareAt(20, 500)})));
     EXPECT_EQ(io.calls, (Calls{"layer 10", "layer 20"}));
@@ -120,56 +112,51 @@ TEST_F(I2DSliceIOTest, WriteLayerMatchesSlicesToSourcesAndHeights)
     io.calls.clear();
     EXPECT_FALSE(io.WriteLayer(one, Items({SquareAt(40, 0, -50), SquareAt(30, 500, 500), SquareAt(40)})));
     const auto& p = io.Properties();
-    EXPECT_EQ(p.NumLayers, 2u);
-    EXPECT_EQ(std::make_tuple(p.Dimensions.YMin, p.Dimensions.YMax, p.Dimensions.ZMax), std::make_tuple(-50, 100, 20))
-        << "y bounds, highest z";
+    EXPECT_EQ(std::make_tuple(p.NumLayers, p.Dimensions.YMin, p.Dimensions.YMax, p.Dimensions.ZMax),
+              std::make_tuple(2u, -50, 100, 20))
+        << "layers, y bounds, highest z";
     EXPECT_TRUE(io.calls.empty());
 }
 
 TEST_F(I2DSliceIOTest, EmptyLayerIsCountedWithoutCallingTheHook)
 {
     OpenForWrite();
+    const auto& p = io.Properties();
     EXPECT_TRUE(Write(50, true));
     EXPECT_TRUE(io.calls.empty());
-    EXPECT_EQ(io.Properties().NumLayers, 1u);
-    EXPECT_EQ(io.Properties().Dimensions.ZMin, 50);
-    EXPECT_EQ(io.Properties().Dimensions.XMin, INT32_MAX); // no bounds from an empty layer
+    EXPECT_EQ(std::make_tuple(p.NumLayers, p.Dimensions.ZMin, p.Dimensions.XMin), std::make_tuple(1u, 50, INT32_MAX))
+        << "layers, lowest z, no x bounds from an empty layer";
 
     io.GetWriteOptions().WriteEmptyLayers = true;
     EXPECT_TRUE(Write(80, true));
     EXPECT_EQ(io.calls, Calls{"layer 80"});
-    EXPECT_EQ(io.Properties().LayerThickness, 30);
-    EXPECT_EQ(io.Properties().Dimensions.XMin, INT32_MAX);
+    EXPECT_EQ(std::make_tuple(p.LayerThickness, p.Dimensions.XMin), std::make_tuple(30, INT32_MAX));
     // Written out, empty slices take part in the height check like any other.
-    auto at90 = std::make_shared<M2DSlice>();
-    at90->SetZ(90);
-    EXPECT_FALSE(io.WriteLayer(one, Items({at90, std::make_shared<M2DSlice>()})));
+    EXPECT_FALSE(Write(90, true, true));
     io.GetWriteOptions().WriteEmptyLayers = false;
-    EXPECT_TRUE(io.WriteLayer(one, Items({at90, std::make_shared<M2DSlice>()})));
+    EXPECT_TRUE(Write(90, true, true));
 }
 
 TEST_F(I2DSliceIOTest, LayerThicknessIsTheGcdOfTheDistances)
 {
-    struct Case
-    {
-        std::vector<std::int32_t> heights;
-        std::int32_t thickness;
-    };
-    for (const Case& c : {Case{{0, 30, 60, 80}, 10}, Case{{-100, 0, 0, 70}, 10}, Case{{5, 5, 5}, 0}})
+    using Heights = std::vector<std::int32_t>;
+    for (const auto& [heights, thickness] : {std::make_pair(Heights{0, 30, 60, 80}, 10),
+                                             std::make_pair(Heights{-100, 0, 0, 70}, 10),
+                                             std::make_pair(Heights{5, 5, 5}, 0)})
     {
         M2DSliceContainerIOProperties fresh;
         io.SetIoProperties(fresh);
         io.appendQueries = 0;
         OpenForWrite();
-        for (std::int32_t z : c.heights)
+        for (std::int32_t z : heights)
             ASSERT_TRUE(Write(z));
         const auto& p = io.Properties();
         EXPECT_EQ(std::make_tuple(p.LayerThickness, p.NumLayers, p.Dimensions.ZMin, p.Dimensions.ZMax),
-                  std::make_tuple(c.thickness, c.heights.size(), c.heights.front(), c.heights.back()))
-            << "thickness, layers, lowest, highest from " << c.heights[1];
+                  std::make_tuple(thickness, heights.size(), heights.front(), heights.back()))
+            << "thickness, layers, lowest, highest from " << heights[1];
         // Asked (and ignored) for every layer above the first height.
-        EXPECT_EQ(io.appendQueries, std::count_if(c.heights.begin(), c.heights.end(),
-                                                  [&](std::int32_t z) { return z > c.heights.front(); }));
+        EXPECT_EQ(io.appendQueries, std::count_if(heights.begin(), heights.end(),
+                                                  [low = heights.front()](std::int32_t z) { return z > low; }));
         ASSERT_TRUE(io.CloseFile());
     }
 }
@@ -177,9 +164,7 @@ TEST_F(I2DSliceIOTest, LayerThicknessIsTheGcdOfTheDistances)
 TEST_F(I2DSliceIOTest, RoundTripThroughTheHooks)
 {
     auto first = SquareAt(100, 0, 0, 100);
-    M2DSliceVectorBlock* block = first->GetVectorsUpdate()->AddVectorBlockAtEnd();
-    block->SetTypeInfo(M2DSliceVectorTypeInfo(e2DSliceVectorType_Hatch));
-    block->Vectors = {M2DSliceVector(1, 2, 3, 4), M2DSliceVector(-50, 7, 300, 8)};
+    ts::AddHatches(*first, {M2DSliceVector(1, 2, 3, 4), M2DSliceVector(-50, 7, 300, 8)});
     first->GetPointsUpdate()->AddPointBlockAtEnd()->Points.push_back(M2DSlicePoint(9, 250));
 
     WriteAndReopen({first, SquareAt(200, 10, 10, 20)});
@@ -189,12 +174,7 @@ TEST_F(I2DSliceIOTest, RoundTripThroughTheHooks)
     M2DSlice slice;
     ASSERT_TRUE(io.ReadLayer(slice, nullptr, true));
     EXPECT_TRUE(slice.DataKnown);
-    EXPECT_EQ(slice.GetZ(), 100);
-    ASSERT_EQ(slice.GetSliceBorder()->GetNumContours(), 1u);
-    EXPECT_EQ(ts::PointsOf(*slice.GetSliceBorder()->GetFirstContour()), ts::Square(0, 0, 100));
-    EXPECT_TRUE(slice.GetSliceBorder()->GetFirstContour()->GetIsOuterContour());
-    ASSERT_EQ(slice.GetVectors()->GetNumVectorBlocks(), 1u);
-    EXPECT_EQ(slice.GetVectors()->GetFirstVectorBlock()->Vectors, block->Vectors);
+    ts::ExpectSameSlice(*first, slice);
     EXPECT_EQ(slice.GetPoints()->GetTotalNumPoints(), 1u);
     EXPECT_EQ(slice.GetXYArea(false), (M2DSliceXYArea{-50, 300, 0, 250}));
 
@@ -212,12 +192,9 @@ TEST_F(I2DSliceIOTest, ReadOptionsPostProcessTheLayer)
     ts::AddContour(*layer, {{0, 0}, {50, 0}, {50, 0}, {100, 0}, {100, 100}, {0, 100}}); // collinear, doubled
     ts::AddContour(*layer, {{500, 500}, {600, 500}, {500, 500}});                      // closed, degenerate
     ts::AddContour(*layer, {{0, 0}, {1, 1}}, false);                                     // open
-    for (e2DSliceVectorType type : {e2DSliceVectorType_Hatch, e2DSliceVectorType_Hatch, e2DSliceVectorType_VectorGroup7})
-    {
-        M2DSliceVectorBlock* b = layer->GetVectorsUpdate()->AddVectorBlockAtEnd();
-        b->SetTypeInfo(M2DSliceVectorTypeInfo(type));
-        b->Vectors.push_back(M2DSliceVector(0, 0, 10, 10));
-    }
+    // Two blocks of an equal label, then one of another.
+    for (auto type : {e2DSliceVectorType_Hatch, e2DSliceVectorType_Hatch, e2DSliceVectorType_VectorGroup7})
+        ts::AddHatches(*layer, {M2DSliceVector(0, 0, 10, 10)})->SetTypeInfo(M2DSliceVectorTypeInfo(type));
     WriteAndReopen({layer, layer, layer, SquareAt(10)});
     M2DSlice slice;
 
@@ -230,17 +207,16 @@ TEST_F(I2DSliceIOTest, ReadOptionsPostProcessTheLayer)
     io.GetReadOptions().Borders.RemoveRedundantPoints = true;
     ASSERT_TRUE(io.ReadLayer(slice, nullptr, true));
     EXPECT_EQ(slice.GetVectors()->GetNumVectorBlocks(), 3u);
-    const M2DSliceContourLayer& border = *slice.GetSliceBorder();
-    ASSERT_EQ(border.GetNumContours(), 3u); // the degenerate closed contour is gone
-    EXPECT_EQ(ts::PointsOf(*border.GetContour(1)), (Points{{0, 0}, {100, 0}, {100, 100}, {0, 100}}));
-    EXPECT_EQ(border.GetContour(2)->GetNumPoints(), 2u); // open contours stay at any length
+    ASSERT_EQ(slice.GetSliceBorder()->GetNumContours(), 3u); // the degenerate closed contour is gone
+    EXPECT_EQ(ts::PointsOf(*slice.GetSliceBorder()->GetContour(1)), (Points{{0, 0}, {100, 0}, {100, 100}, {0, 100}}));
+    EXPECT_EQ(slice.GetSliceBorder()->GetContour(2)->GetNumPoints(), 2u); // open contours stay at any length
 
     // One open contour sends every contour into vectors: 4 + 6 + 3 + 1 segments.
     io.GetReadOptions() = I2DSliceIO::ReadOptions();
     io.GetReadOptions().OpenBordersToVectors = true;
     ASSERT_TRUE(io.ReadLayer(slice, nullptr, true));
-    EXPECT_EQ(slice.GetSliceBorder()->GetNumContours(), 0u);
-    EXPECT_EQ(slice.GetVectors()->GetTotalNumVectors(), 3u + 14u);
+    EXPECT_EQ(std::make_tuple(slice.GetSliceBorder()->GetNumContours(), slice.GetVectors()->GetTotalNumVectors()),
+              std::make_tuple(0u, 3u + 14u));
 
     io.GetReadOptions() = I2DSliceIO::ReadOptions();
     io.invertOnRead = true; // the lone square arrives reversed, so with the wrong sense

@@ -78,9 +78,7 @@ TEST(MLayerScanner, MeasuresAreaAndLengthLikeTheReader)
 TEST(MLayerScanner, StartsFromAClearedInfoAndCountsEveryBlock)
 {
     M2DSliceContainerScanInfo info;
-    info.Z = 5;
-    info.NumContours = 9;
-    info.SurfaceArea = 3.0;
+    std::tie(info.Z, info.NumContours, info.SurfaceArea) = std::make_tuple(5, 9u, 3.0);
     info.Area.Extend(-100, -100);
     I2DSliceIO::MLayerScanner scanner(info);
     EXPECT_EQ(std::make_tuple(info.Z, info.NumContours, info.SurfaceArea), std::make_tuple(M2DSLICE_UNSET, 0u, 0.0));
@@ -110,6 +108,12 @@ protected:
 
 TEST_F(MLayerReaderTest, DecidesTheOuterFlagByTheArea)
 {
+    // Labels can be set with nothing to label yet; nothing is made for them.
+    reader.GetContourTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
+    reader.GetVectorBlockTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
+    reader.GetPointBlockTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
+    EXPECT_EQ(slice.GetSliceBorder()->GetNumContours() + slice.GetVectors()->GetNumVectorBlocks(), 0u);
+
     reader.SetZ(42);
     Contour(reader, kUnitSquare);
     Contour(reader, kUnitSquare, true, true);
@@ -125,15 +129,7 @@ TEST_F(MLayerReaderTest, DecidesTheOuterFlagByTheArea)
     EXPECT_EQ(outer.GetTypeInfo().GetType(), e2DSliceVectorType_Border);
 }
 
-TEST_F(MLayerReaderTest, LabelsCanBeSetWithNothingToLabel)
-{
-    reader.GetContourTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
-    reader.GetVectorBlockTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
-    reader.GetPointBlockTypeInfo()->SetIndex(e2DSliceVectorTypeIndex_Part, 1);
-    EXPECT_EQ(slice.GetSliceBorder()->GetNumContours() + slice.GetVectors()->GetNumVectorBlocks(), 0u);
-}
-
-TEST_F(MLayerReaderTest, EndVectorBlockRemovesOnlyEmptyBlocks)
+TEST_F(MLayerReaderTest, EndBlockRemovesOnlyEmptyBlocks)
 {
     const M2DSliceVectorTypeInfo hatch(e2DSliceVectorType_Hatch), other(e2DSliceVectorType_VectorGroup7);
     reader.StartVectorBlock(hatch, SIZE_MAX / 64); // a count from a bad file must not allocate
@@ -147,23 +143,20 @@ TEST_F(MLayerReaderTest, EndVectorBlockRemovesOnlyEmptyBlocks)
     EXPECT_EQ(block.Vectors, (std::vector<M2DSliceVector>{M2DSliceVector(1, 2, 3, 4), M2DSliceVector(-5, 6, 7, 8)}));
     EXPECT_EQ(block.GetTypeInfo(), hatch);
     EXPECT_EQ(info.Area, (M2DSliceXYArea{-5, 7, 2, 8}));
-}
 
-TEST_F(MLayerReaderTest, EqualPointBlockLabelsShareOneBlock)
-{
-    const M2DSliceVectorTypeInfo a(e2DSliceVectorType_Hatch), b(e2DSliceVectorType_Other);
-    reader.AddPoint(1, 1); // no block yet: one is made
-    reader.StartPointBlock(a);
-    reader.AddPoint(2, 2);
+    // Point blocks of an equal label share one block; the points alone set every bound below.
+    reader.AddPoint(-9, 1); // no block yet: one is made
+    reader.StartPointBlock(hatch);
+    reader.AddPoint(2, 20);
     reader.EndPointBlock();
-    reader.StartPointBlock(a);
-    reader.AddPoint(3, 3);
-    reader.StartPointBlock(b);
+    reader.StartPointBlock(hatch);
+    reader.AddPoint(30, 3);
+    reader.StartPointBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Other));
     reader.EndPointBlock(); // empty: removed
     ASSERT_EQ(reader.GetNumPointBlocks(), 2u);
     EXPECT_EQ(slice.GetPoints()->GetLastPointBlock()->Points.size(), 2u);
-    EXPECT_EQ(*reader.GetPointBlockTypeInfo(), a);
-    EXPECT_EQ(info.Area, (M2DSliceXYArea{1, 3, 1, 3}));
+    EXPECT_EQ(*reader.GetPointBlockTypeInfo(), hatch);
+    EXPECT_EQ(info.Area, (M2DSliceXYArea{-9, 30, 1, 20}));
 }
 
 } // namespace

@@ -55,26 +55,28 @@ protected:
             GTEST_SKIP() << "the sliceio tool is not built";
     }
 
-    // Runs a shell command line; output goes to files so that nothing can block.
-    ToolRun Shell(const std::string& command)
-    {
-        const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
-        const int status = std::system((command + " </dev/null >" + out + " 2>" + err).c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ts::ReadFile(out), ts::ReadFile(err)};
-    }
-    // Runs the tool with the arguments, each quoted for the shell.
+    // Runs the tool through the shell with the arguments, each quoted; output goes to files
+    // so that nothing can block.
     ToolRun Tool(const std::vector<std::string>& args, const std::string& prefix = "")
     {
         std::string command = prefix + "'" SLICEIO_TOOL_PATH "'";
         for (const std::string& a : args)
             command += " '" + a + "'";
-        return Shell(command);
+        const std::string out = Path("stdout.txt"), err = Path("stderr.txt");
+        const int status = std::system((command + " </dev/null >" + out + " 2>" + err).c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ts::ReadFile(out), ts::ReadFile(err)};
+    }
+    // Runs the tool, expects it to succeed and gives what it printed.
+    std::string Ok(const std::vector<std::string>& args)
+    {
+        const ToolRun run = Tool(args);
+        EXPECT_EQ(run.Code, 0) << run.Err;
+        return run.Out;
     }
     std::string Path(const std::string& name) const { return _dir.File(name); }
     std::string MakeSample(const std::string& name, int layers = 20)
     {
-        const ToolRun run = Tool({"sample", Path(name), "--layers", std::to_string(layers)});
-        EXPECT_EQ(run.Code, 0) << run.Err;
+        Ok({"sample", Path(name), "--layers", std::to_string(layers)});
         return Path(name);
     }
 
@@ -98,12 +100,11 @@ TEST_F(SliceioToolTest, HelpAndUsageErrors)
 {
     for (const char* help : {"--help", "help"})
     {
-        const ToolRun run = Tool({help});
-        EXPECT_EQ(run.Code, 0);
-        EXPECT_NE(run.Out.find("usage: sliceio"), std::string::npos);
-        EXPECT_NE(run.Out.find("convert IN OUT"), std::string::npos);
+        const std::string out = Ok({help});
+        EXPECT_NE(out.find("usage: sliceio"), std::string::npos);
+        EXPECT_NE(out.find("convert IN OUT"), std::string::npos);
     }
-    EXPECT_EQ(Tool({"info", "--help"}).Code, 0);
+    Ok({"info", "--help"});
 
     const std::string file = MakeSample("s.cli", 2), out = Path("o.cli"), svg = Path("o.svg");
     const std::pair<std::vector<std::string>, std::vector<std::string>> cases[] = {
@@ -128,9 +129,8 @@ TEST_F(SliceioToolTest, HelpAndUsageErrors)
 
 TEST_F(SliceioToolTest, FormatsAgreeWithTheFactory)
 {
-    const ToolRun run = Tool({"formats"});
-    ASSERT_EQ(run.Code, 0) << run.Err;
-    std::istringstream lines(run.Out);
+    const std::string out = Ok({"formats"});
+    std::istringstream lines(out);
     std::string line;
     std::vector<int> codes;
     while (std::getline(lines, line))
@@ -149,24 +149,22 @@ TEST_F(SliceioToolTest, FormatsAgreeWithTheFactory)
     }
     // Every code of the table and nothing else; the gaps stay gaps.
     EXPECT_EQ(codes, (std::vector<int>{0, 3, 4, 5, 6, 8, 9, 35, 36, 44, 45, 46, 47, 48, 49, 50, 51, 54, 55, 56}));
-    EXPECT_NE(run.Out.find("SVG"), std::string::npos);
+    EXPECT_NE(out.find("SVG"), std::string::npos);
 }
 
 TEST_F(SliceioToolTest, InfoMatchesTheLibraryScan)
 {
     const std::string file = MakeSample("build.cli");
-    const ToolRun run = Tool({"info", file, "--json", "--layers"});
-    ASSERT_EQ(run.Code, 0) << run.Err;
-    const std::string& json = run.Out;
+    const std::string json = Ok({"info", file, "--json", "--layers"});
 
     M2DSliceContainerIterator it(ts::Wide(file), 0, true, 0, true);
     ASSERT_TRUE(it.IsValid());
     const auto& table = it.GetLayerTable();
     const M2DSliceContainerScanInfo& totals = it.GetTotals();
-    EXPECT_EQ(Field(json, "format"), "\"CLI (binary, long)\"");
-    EXPECT_EQ(Field(json, "type_code"), "0");
-    EXPECT_EQ(Field(json, "layers"), std::to_string(table.size()));
-    EXPECT_EQ(Field(json, "contours"), std::to_string(totals.NumContours));
+    for (const auto& [key, value] : std::vector<std::pair<std::string, std::string>>{
+             {"format", "\"CLI (binary, long)\""}, {"type_code", "0"}, {"layers", std::to_string(table.size())},
+             {"contours", std::to_string(totals.NumContours)}})
+        EXPECT_EQ(Field(json, key), value) << key;
     const std::pair<const char*, double> expected[] = {
         {"z_min_mm", table.front().Info.Z}, {"z_max_mm", table.back().Info.Z}, {"x_min_mm", totals.Area.XMin},
         {"x_max_mm", totals.Area.XMax},     {"y_min_mm", totals.Area.YMin},    {"y_max_mm", totals.Area.YMax}};
@@ -201,31 +199,26 @@ TEST_F(SliceioToolTest, InfoMatchesTheLibraryScan)
     EXPECT_NEAR(Number(json, "contour_length_mm", json.find("{\"index\": 0,")), 80 + 32 + 80 + 24 + circle, 1e-3);
 
     // The text report says the same in four decimals.
-    const ToolRun text = Tool({"info", file});
-    ASSERT_EQ(text.Code, 0) << text.Err;
-    EXPECT_EQ(TextValue(text.Out, "layers"), "20");
-    EXPECT_EQ(TextValue(text.Out, "format"), "CLI (binary, long) (code 0)");
-    EXPECT_EQ(TextValue(text.Out, "highest height"), "1.0000 mm");
-    EXPECT_EQ(TextValue(text.Out, "x extent"), "5.0000 .. 55.0000 mm");
-    EXPECT_EQ(TextValue(text.Out, "vector blocks"), "60");
-    EXPECT_EQ(text.Out.find("z_mm"), std::string::npos); // no table without --layers
-    const std::string withTable = Tool({"info", file, "--layers"}).Out;
+    const std::string text = Ok({"info", file});
+    for (const auto& [key, value] : std::vector<std::pair<std::string, std::string>>{
+             {"layers", "20"}, {"format", "CLI (binary, long) (code 0)"}, {"highest height", "1.0000 mm"},
+             {"x extent", "5.0000 .. 55.0000 mm"}, {"vector blocks", "60"}})
+        EXPECT_EQ(TextValue(text, key), value) << key;
+    EXPECT_EQ(text.find("z_mm"), std::string::npos); // no table without --layers
+    const std::string withTable = Ok({"info", file, "--layers"});
     EXPECT_EQ(std::count(withTable.begin(), withTable.end(), '\n'),
-              std::count(text.Out.begin(), text.Out.end(), '\n') + 2 + 20); // a blank line, a heading, the rows
+              std::count(text.begin(), text.end(), '\n') + 2 + 20); // a blank line, a heading, the rows
 }
 
 TEST_F(SliceioToolTest, ConvertLongToShortAndBack)
 {
     const std::string file = MakeSample("build.cli");
     const std::string shortFile = Path("short.cli"), back = Path("back.dat");
-    ToolRun run = Tool({"convert", file, shortFile, "--to", "35"});
-    ASSERT_EQ(run.Code, 0) << run.Err;
-    run = Tool({"convert", shortFile, back, "--to", "0"});
-    ASSERT_EQ(run.Code, 0) << run.Err;
-
-    const std::string original = Tool({"info", file, "--json"}).Out;
-    const std::string viaShort = Tool({"info", shortFile, "--json"}).Out;
-    const std::string roundTrip = Tool({"info", back, "--json"}).Out; // found by content, not by name
+    Ok({"convert", file, shortFile, "--to", "35"});
+    Ok({"convert", shortFile, back, "--to", "0"});
+    const std::string original = Ok({"info", file, "--json"});
+    const std::string viaShort = Ok({"info", shortFile, "--json"});
+    const std::string roundTrip = Ok({"info", back, "--json"}); // found by content, not by name
     EXPECT_EQ(Field(viaShort, "type_code"), "35");
     EXPECT_EQ(Field(roundTrip, "type_code"), "0");
     for (const char* key : {"layers", "contours", "vector_blocks", "z_min_mm", "z_max_mm", "x_min_mm", "x_max_mm",
@@ -241,11 +234,11 @@ TEST_F(SliceioToolTest, ConvertLongToShortAndBack)
 
     // Inches: CLI files carry no unit, so read back as millimetres they shrink by 25.4.
     const std::string inch = Path("inch.cli");
-    ASSERT_EQ(Tool({"convert", file, inch, "--units", "inch"}).Code, 0);
-    EXPECT_NEAR(Number(Tool({"info", inch, "--json"}).Out, "x_max_mm"), 55 / 25.4, 1e-4);
+    Ok({"convert", file, inch, "--units", "inch"});
+    EXPECT_NEAR(Number(Ok({"info", inch, "--json"}), "x_max_mm"), 55 / 25.4, 1e-4);
 }
 
-TEST_F(SliceioToolTest, ConvertFailuresNameTheFile)
+TEST_F(SliceioToolTest, BadInputsAndFailedWritesNameTheFileAndTheStep)
 {
     const std::string file = MakeSample("build.cli", 3);
     ExpectFailure(Tool({"convert", file, file}), 1, {"is the input file"});
@@ -263,32 +256,7 @@ TEST_F(SliceioToolTest, ConvertFailuresNameTheFile)
     const ToolRun run = Tool({"convert", big, out}, "trap '' XFSZ; ulimit -f 16; exec ");
     ExpectFailure(run, 1, {"partial.cli", "partial output was removed"});
     EXPECT_FALSE(fs::exists(out));
-}
 
-TEST_F(SliceioToolTest, SvgDrawsOneLayerWithAViewBox)
-{
-    const std::string file = MakeSample("build.cli", 5), svg = Path("layer.svg");
-    const ToolRun run = Tool({"svg", file, svg, "--layer", "4"});
-    ASSERT_EQ(run.Code, 0) << run.Err;
-    const std::string text = ts::ReadFile(svg);
-    const std::size_t at = text.find("viewBox=\"");
-    ASSERT_NE(at, std::string::npos) << text;
-    double x = 0, y = 0, w = 0, h = 0;
-    std::istringstream(text.substr(at + 9)) >> x >> y >> w >> h;
-    // The layer spans 5..55 mm both ways; y is mirrored so that it points up.
-    EXPECT_LE(x, 5 * kMm);
-    EXPECT_GE(x + w, 55 * kMm);
-    EXPECT_LE(y, -55 * kMm);
-    EXPECT_GE(y + h, -5 * kMm);
-    EXPECT_LT(w, 60 * kMm);
-    EXPECT_NE(text.find("width=\"800px\""), std::string::npos);
-    EXPECT_NE(text.find("stroke-width:"), std::string::npos);
-
-    ExpectFailure(Tool({"svg", file, svg, "--layer", "5"}), 1, {"has 5 layers", "no layer 5"});
-}
-
-TEST_F(SliceioToolTest, BadInputsNameTheFileAndTheStep)
-{
     ExpectFailure(Tool({"info", Path("nothing.cli")}), 1, {"nothing.cli", "no such file"});
     ExpectFailure(Tool({"info", _dir.Path().string()}), 1, {"is a directory"});
     ts::WriteFile(Path("junk.xyz"), "nothing a slice reader knows\n");
@@ -296,7 +264,7 @@ TEST_F(SliceioToolTest, BadInputsNameTheFileAndTheStep)
 
     // Cut inside the header: the reader refuses it there.
     const std::string cut = Path("cut.cli");
-    ts::WriteFile(cut, ts::ReadFile(MakeSample("build.cli", 3)).substr(0, 60));
+    ts::WriteFile(cut, ts::ReadFile(file).substr(0, 60));
     ExpectFailure(Tool({"info", cut}), 1, {"cut.cli", "header"});
     ExpectFailure(Tool({"convert", cut, Path("o.cli")}), 1, {"cut.cli", "header"});
     ExpectFailure(Tool({"svg", cut, Path("o.svg"), "--layer", "0"}), 1, {"cut.cli", "header"});
@@ -313,6 +281,27 @@ TEST_F(SliceioToolTest, BadInputsNameTheFileAndTheStep)
     if (fs::is_directory(samples))
         for (const auto& entry : fs::directory_iterator(samples))
             ExpectFailure(Tool({"info", entry.path().string()}), 1, {entry.path().filename().string(), "header"});
+}
+
+TEST_F(SliceioToolTest, SvgDrawsOneLayerWithAViewBox)
+{
+    const std::string file = MakeSample("build.cli", 5), svg = Path("layer.svg");
+    Ok({"svg", file, svg, "--layer", "4"});
+    const std::string text = ts::ReadFile(svg);
+    const std::size_t at = text.find("viewBox=\"");
+    ASSERT_NE(at, std::string::npos) << text;
+    double x = 0, y = 0, w = 0, h = 0;
+    std::istringstream(text.substr(at + 9)) >> x >> y >> w >> h;
+    // The layer spans 5..55 mm both ways; y is mirrored so that it points up.
+    EXPECT_LE(x, 5 * kMm);
+    EXPECT_GE(x + w, 55 * kMm);
+    EXPECT_LE(y, -55 * kMm);
+    EXPECT_GE(y + h, -5 * kMm);
+    EXPECT_LT(w, 60 * kMm);
+    EXPECT_NE(text.find("width=\"800px\""), std::string::npos);
+    EXPECT_NE(text.find("stroke-width:"), std::string::npos);
+
+    ExpectFailure(Tool({"svg", file, svg, "--layer", "5"}), 1, {"has 5 layers", "no layer 5"});
 }
 
 TEST_F(SliceioToolTest, MagicTextsNameTheFormat)
