@@ -556,6 +556,21 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, std::int32_t 
     M2DSliceVector vectors[kVectorChunk];
     M2DSliceVector last(0, 0, 0, 0);
 
+    // One run of m whole vectors to the input: a scan of the long form takes just the run's
+    // box; otherwise the vectors are converted. last keeps the run's last vector.
+    const auto addRun = [&](const unsigned char* raw, std::size_t m) {
+        M2DSliceXYArea box;
+        if (boxesOnly && LongHatchBox(raw, m, c, box))
+        {
+            input.AddVectorsArea(box, m);
+            ConvertValues(raw + (m - 1) * vectorBytes, 4, isLong, c, coords);
+            last = M2DSliceVector(coords[0], coords[1], coords[2], coords[3]);
+            return;
+        }
+        AddConverted(input, raw, m, isLong, c, coords, vectors);
+        last = vectors[m - 1];
+    };
+
     // Converted where the file's buffer holds them, a cache-sized run at a time: no copy of
     // the raw values, and they are still in the cache when the vectors are stored.
     std::size_t done = 0;
@@ -565,18 +580,7 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, std::int32_t 
         const auto* raw = reinterpret_cast<const unsigned char*>(_file.ReadView(m * vectorBytes));
         if (!raw)
             break;
-        M2DSliceXYArea box;
-        if (boxesOnly && LongHatchBox(raw, m, c, box))
-        {
-            input.AddVectorsArea(box, m);
-            ConvertValues(raw + (m - 1) * vectorBytes, 4, isLong, c, coords);
-            last = M2DSliceVector(coords[0], coords[1], coords[2], coords[3]);
-        }
-        else
-        {
-            AddConverted(input, raw, m, isLong, c, coords, vectors);
-            last = vectors[m - 1];
-        }
+        addRun(raw, m);
         done += m;
     }
     if (done == n)
@@ -591,11 +595,7 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, std::int32_t 
         return false;
     const std::size_t whole = got / 4;
     for (std::size_t start = 0; start < whole; start += kVectorChunk)
-    {
-        const std::size_t m = std::min(kVectorChunk, whole - start);
-        AddConverted(input, raw + vectorBytes * start, m, isLong, c, coords, vectors);
-        last = vectors[m - 1];
-    }
+        addRun(raw + vectorBytes * start, std::min(kVectorChunk, whole - start));
     if (whole == rest)
         return true;
 
