@@ -9,6 +9,8 @@ packages=(
   libboost-dev libboost-date-time-dev
   libfmt-dev libexpat1-dev zlib1g-dev libssl-dev
   clang libclang-rt-dev llvm
+  libcli11-dev nlohmann-json3-dev ccache
+  python3-dev pybind11-dev python3-numpy python3-pytest python3-matplotlib
 )
 missing=()
 for p in "${packages[@]}"; do
