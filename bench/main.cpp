@@ -47,8 +47,8 @@ public:
             if (name.rfind("Raw/", 0) == 0)
                 raw = std::max(raw, Counter(run, "bytes_per_second"));
 
-        std::printf("%-10s %-16s %12s %10s %12s %7s  %s\n", "format", "operation", "time/op", "MB/s", "vectors/s",
-                    "x raw", "other");
+        std::printf("%-10s %-16s %12s %10s %12s %7s %7s  %s\n", "format", "operation", "time/op", "MB/s", "vectors/s",
+                    "x raw", "x CLI", "other");
         for (const std::string& name : _order)
         {
             const Run& run = _runs[name];
@@ -61,11 +61,16 @@ public:
             for (const auto& [key, counter] : run.counters)
                 if (key != "bytes_per_second" && key != "vectors")
                     other += key + "=" + Format("%.3g", counter.value) + " ";
-            std::printf("%-10s %-16s %9.4g %-2s %10s %12s %7s  %s\n", format.c_str(), operation.c_str(),
+            // The same operation of CLI in this run, by vectors/s: how a format compares with it.
+            const auto cli = _runs.find("CLI/" + operation);
+            const double cliVectors = cli == _runs.end() ? 0.0 : Counter(cli->second, "vectors");
+            std::printf("%-10s %-16s %9.4g %-2s %10s %12s %7s %7s  %s\n", format.c_str(), operation.c_str(),
                         run.GetAdjustedRealTime(), benchmark::GetTimeUnitString(run.time_unit),
                         bytes > 0 ? Format("%.1f", bytes / 1e6).c_str() : "-",
                         vectors > 0 ? Format("%.4g", vectors).c_str() : "-",
-                        bytes > 0 && raw > 0 ? Format("%.3f", bytes / raw).c_str() : "-", other.c_str());
+                        bytes > 0 && raw > 0 ? Format("%.3f", bytes / raw).c_str() : "-",
+                        vectors > 0 && cliVectors > 0 ? Format("%.3f", vectors / cliVectors).c_str() : "-",
+                        other.c_str());
         }
     }
 

@@ -6,7 +6,8 @@
 #   bash cmake/test.sh quick    plain build + whole suite only
 #   bash cmake/test.sh asan     ASan+UBSan build of the whole suite only
 #   bash cmake/test.sh tsan     TSan build of the concurrency tests only
-#   bash cmake/test.sh fuzz [S] fuzz targets, S seconds each (default 30)
+#   bash cmake/test.sh fuzz [S] fuzz targets, S seconds each (default 30); the full run shares
+#                               240 seconds among all targets
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash cmake/setup.sh
@@ -48,7 +49,7 @@ case "${1:-all}" in
   all)
     asan
     tsan
-    fuzz 30
+    bash fuzz/run.sh --total 240
     plain # last, so that its closing summary is the run's last word
     ;;
   *) echo "usage: bash cmake/test.sh [quick|asan|tsan|fuzz [seconds]]" >&2; exit 2 ;;

@@ -1,4 +1,5 @@
 #include "MFile.h"
+#include "ByteOrder.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -60,14 +61,7 @@ std::size_t PwriteAll(int fd, const char* in, std::size_t n, std::int64_t offset
     return done;
 }
 
-#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-void SwapItems(void* data, std::size_t count, std::size_t size)
-{
-    auto* p = static_cast<unsigned char*>(data);
-    for (std::size_t i = 0; i < count; ++i, p += size)
-        std::reverse(p, p + size);
-}
-#endif
+using ByteOrder::SwapItems;
 
 // Streaming matcher for a fixed text (Knuth-Morris-Pratt), so that a search reads every
 // byte once and handles texts whose prefix repeats, such as "$$$HEADER".

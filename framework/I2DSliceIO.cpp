@@ -86,25 +86,26 @@ bool I2DSliceIO::OpenFile(const std::wstring& path, MOpenMode mode)
         opened = _file.OPEN_APPEND(path.c_str());
         break;
     default:
-        return false;
+        return _Fail("unknown open mode");
     }
     if (!opened)
-        return false;
-    return _OpenFile(path, mode);
+        return _Fail(std::string("cannot open the file") + (_file.GET_ERROR() ? std::string(": ") + std::strerror(_file.GET_ERROR()) : std::string()));
+    return _OpenFile(path, mode) || _FailStep("the format could not start on the file");
 }
 
 bool I2DSliceIO::CloseFile()
 {
+    _step = Step::Closing;
     _file.CLOSE();
     if (_file.GET_ERROR() != 0)
-        return false;
-    return _CloseFile();
+        return _Fail(std::string("the file could not be written or closed: ") + std::strerror(_file.GET_ERROR()));
+    return _CloseFile() || _FailStep("finishing the file failed");
 }
 
 bool I2DSliceIO::FlushFile()
 {
     _file.FLUSH();
-    return _file.GET_ERROR() == 0;
+    return _file.GET_ERROR() == 0 || _Fail(std::string("the file could not be written: ") + std::strerror(_file.GET_ERROR()));
 }
 
 void I2DSliceIO::SetFileBufferSize(std::uint64_t size)
@@ -118,6 +119,8 @@ void I2DSliceIO::SetFileBufferSize(std::uint64_t size)
 bool I2DSliceIO::WriteHeader(const std::vector<const ISource2DSlices*>& sources, std::int32_t unitConversion,
                              std::int32_t inverseResolution)
 {
+    _failureReason.clear();
+    _step = Step::Header;
     return _CheckWriteHeader(sources, unitConversion, inverseResolution);
 }
 
@@ -125,30 +128,33 @@ bool I2DSliceIO::_CheckWriteHeader(const std::vector<const ISource2DSlices*>& so
                                    std::int32_t inverseResolution)
 {
     if (!_IsOpenFor(Write))
-        return false;
+        return _Fail("the file is not open for writing");
     if (sources.empty() && !IsAppendModeSupported())
-        return false;
+        return _Fail("no slice source to write");
     const int perMillimetre = MUnit::GetIE();
     const long perInch = std::lround(perMillimetre * 25.4);
     if (unitConversion != perMillimetre && unitConversion != perInch)
-        return false;
+        return _Fail("the unit conversion is neither millimetres nor inches");
     _properties.UnitConversionFactor = unitConversion;
     _properties.InverseResolution = inverseResolution;
-    return _WriteHeader(sources);
+    return _WriteHeader(sources) || _FailStep("writing the header failed");
 }
 
 bool I2DSliceIO::WriteHeaderPerSliceContainer(std::uint64_t index)
 {
-    return _WriteHeaderPerSliceContainer(index);
+    _failureReason.clear();
+    return _WriteHeaderPerSliceContainer(index) || _FailStep("writing the header of a slice container failed");
 }
 
 bool I2DSliceIO::WriteLayer(const std::vector<const ISource2DSlices*>& sources, const M2DSliceConstDataItems& items)
 {
+    _failureReason.clear();
+    _EnterLayer();
     std::int32_t z = 0;
     bool callHook = false;
     if (!_AccountLayer(sources, items, z, callHook))
         return false;
-    return callHook ? _WriteLayer(sources, z, items) : true;
+    return callHook ? _WriteLayer(sources, z, items) || _FailStep("writing a layer failed") : true;
 }
 
 bool I2DSliceIO::_AccountLayer(const std::vector<const ISource2DSlices*>& sources,
@@ -157,12 +163,14 @@ bool I2DSliceIO::_AccountLayer(const std::vector<const ISource2DSlices*>& source
     callHook = false;
     std::vector<const M2DSlice*> slices;
     _GetSlicesFromItems(items, slices);
-    if (!_IsOpenFor(Write) || slices.empty())
-        return false;
+    if (!_IsOpenFor(Write))
+        return _Fail("the file is not open for writing");
+    if (slices.empty())
+        return _Fail("no slice to write");
     if (slices.size() != sources.size() && sources.size() != 1)
-        return false;
+        return _Fail("the slices do not match the sources");
     if (std::find(slices.begin(), slices.end(), nullptr) != slices.end())
-        return false;
+        return _Fail("a slice is missing");
 
     M2DSliceContainerIODimensions& dims = _properties.Dimensions;
     z = slices.back()->Z;
@@ -177,7 +185,7 @@ bool I2DSliceIO::_AccountLayer(const std::vector<const ISource2DSlices*>& source
             continue;
         content = true;
         if (slice->Z != z)
-            return false;
+            return _Fail("the slices of one layer have different heights");
         const M2DSliceXYArea& area = slice->GetXYArea(true);
         dims.XMin = std::min(dims.XMin, area.XMin);
         dims.XMax = std::max(dims.XMax, area.XMax);
@@ -205,9 +213,10 @@ bool I2DSliceIO::_AccountLayer(const std::vector<const ISource2DSlices*>& source
 
 bool I2DSliceIO::WriteFooter(const std::vector<const ISource2DSlices*>& sources)
 {
+    _step = Step::Footer;
     if (!_IsOpenFor(Write))
-        return false;
-    return _WriteFooter(sources);
+        return _Fail("the file is not open for writing");
+    return _WriteFooter(sources) || _FailStep("writing the footer failed");
 }
 
 void I2DSliceIO::_GetSlicesFromItems(const M2DSliceConstDataItems& items, std::vector<const M2DSlice*>& slices)
@@ -222,20 +231,25 @@ void I2DSliceIO::_GetSlicesFromItems(const M2DSliceConstDataItems& items, std::v
 
 bool I2DSliceIO::ReadHeader(ITarget2DSlices* target)
 {
+    _failureReason.clear();
+    _step = Step::Header;
+    _layerIndex = 0;
     if (!_IsOpenFor(Read))
-        return false;
+        return _Fail("the file is not open for reading");
     _properties.UnitConversionFactor = MUnit::GetIE();
     _properties.InverseResolution = 1;
-    return _ReadHeader(target);
+    return _ReadHeader(target) || _FailStep("the header was refused");
 }
 
 bool I2DSliceIO::ReadLayer(M2DSlice& slice, ITarget2DSlices* target, bool readVectors)
 {
+    _failureReason.clear();
+    _EnterLayer();
     if (!_IsOpenFor(Read))
-        return false;
+        return _Fail("the file is not open for reading");
     slice.Clear();
     if (!_ReadLayer(slice, target, readVectors))
-        return false;
+        return false; // the end of the layers, or damage with its reason
 
     M2DSliceContourLayer* border = slice.GetSliceBorderUpdate();
     M2DSliceVectorLayer* vectors = slice.GetVectorsUpdate();
@@ -262,17 +276,65 @@ bool I2DSliceIO::ReadLayer(M2DSlice& slice, ITarget2DSlices* target, bool readVe
 
 bool I2DSliceIO::ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* target, bool readVectors)
 {
+    _failureReason.clear();
+    _EnterLayer();
     if (!_IsOpenFor(Read))
-        return false;
+        return _Fail("the file is not open for reading");
     return _ScanLayer(info, target, readVectors);
 }
 
 bool I2DSliceIO::ReadFooter(ITarget2DSlices* target)
 {
+    _step = Step::Footer;
     if (!_IsOpenFor(Read))
-        return false;
-    return _ReadFooter(target);
+        return _Fail("the file is not open for reading");
+    return _ReadFooter(target) || _FailStep("the end of the file was refused");
 }
+
+// ---------------------------------------------------------------- failure reasons
+
+bool I2DSliceIO::_Fail(const std::string& reason)
+{
+    if (_failureReason.empty())
+        _failureReason = DescribeStep() + ": " + reason;
+    return false;
+}
+
+void I2DSliceIO::_EnterLayer()
+{
+    if (_step == Step::Layer)
+        ++_layerIndex;
+    else
+    {
+        _step = Step::Layer;
+        _layerIndex = 0;
+    }
+}
+
+std::string I2DSliceIO::DescribeStep() const
+{
+    switch (_step)
+    {
+    case Step::Opening:
+        return "opening";
+    case Step::Header:
+        return "header";
+    case Step::Layer:
+        return "layer " + std::to_string(_layerIndex);
+    case Step::Footer:
+        return "footer";
+    case Step::Closing:
+        return "closing";
+    }
+    return "opening";
+}
+
+bool I2DSliceIO::_FailAt(const std::string& reason, std::int64_t offset)
+{
+    return _Fail(reason + " at offset " + std::to_string(offset));
+}
+
+bool I2DSliceIO::_FailStep(const char* what) { return _Fail(what); }
 
 // ---------------------------------------------------------------- contour thinning
 

@@ -302,6 +302,17 @@ public:
     MOpenMode GetOpenMode() const { return _mode; }
     const std::wstring& GetPath() const { return _path; }
 
+    // Why the last public operation returned false, in one line ("header: no \"$$VERSION/\"
+    // before \"$$HEADEREND\""); empty when it did not fail. ReadLayer and ScanLayer return
+    // false both at the clean end of the layers (reason empty) and on damage (reason set), so
+    // a caller tells the two apart here. OpenFile, the header and the layer operations clear
+    // it when they start; closing and the footer keep a reason that an earlier step gave.
+    const std::string& GetFailureReason() const { return _failureReason; }
+    // The step under way or last done: "opening", "header", "layer N" (counted from 0 since
+    // the header; a lazy reader that seeks counts the calls, not the file's layers), "footer",
+    // "closing". Reasons start with it; a caller that catches an exception names it too.
+    std::string DescribeStep() const;
+
     // Thins a contour of points within maxError of the chord of their neighbours, keeping
     // a running error so that many small steps cannot add up past it.
     static void SimplifyContour(M2DSliceContour& contour, double maxError, double maxLength);
@@ -351,6 +362,15 @@ protected:
                            std::int32_t inverseResolution);
     bool _IsOpenFor(MOpenMode mode) const { return _file.IS_OPEN() && _mode == mode; }
 
+    // Notes why an operation fails and returns false, for `return _Fail("...")`; the reason is
+    // kept behind the step ("layer 3: ..."). The first reason of an operation stays: the
+    // innermost code knows most.
+    bool _Fail(const std::string& reason);
+    // The same with the file's position: "<reason> at offset N".
+    bool _FailAt(const std::string& reason, std::int64_t offset);
+    // Sets the reason of a failed step when the format gave none.
+    bool _FailStep(const char* what);
+
     MOpenMode _mode = Read;
     MFile _file;
     std::wstring _path;
@@ -358,8 +378,21 @@ protected:
     ReadOptions _readOptions;
     WriteOptions _writeOptions;
     unsigned short _fileType = 0;
+    std::string _failureReason;
 
 private:
+    enum class Step
+    {
+        Opening,
+        Header,
+        Layer,
+        Footer,
+        Closing,
+    };
+    void _EnterLayer();
+    Step _step = Step::Opening;
+    std::uint64_t _layerIndex = 0;
+
     friend class M2DSliceContainerIO;
     friend class M2DSliceContainerIterator;
     friend class M2DSliceContainerAppendableIO;

@@ -134,6 +134,7 @@ bool M2DSliceContainerIO::WriteContainersWithPriority(
         }
 
     _ResetProperties(largest);
+    _io->_step = I2DSliceIO::Step::Header;
     if (!_io->_CheckWriteHeader(flat, unitConversion, inverseResolution))
         return false;
     _io->_properties.NumLayers = 0;
@@ -147,8 +148,9 @@ bool M2DSliceContainerIO::WriteContainersWithPriority(
             _WriteSliceContainer(sv);
         }
 
+    _io->_step = I2DSliceIO::Step::Footer;
     if (!_io->_IsOpenFor(I2DSliceIO::Write) || !_io->_WriteFooter(flat))
-        return false;
+        return _io->_FailStep("writing the footer failed");
     return _io->CloseFile();
 }
 
@@ -164,8 +166,9 @@ void M2DSliceContainerIO::_WriteSliceContainer(const M2DSliceSourceVector& sv)
         sv.GetSliceItems(items, i);
         std::int32_t z = 0;
         bool callHook = false;
-        if (_io->_AccountLayer(sources, items, z, callHook) && callHook)
-            _io->_WriteLayer(sources, z, items);
+        _io->_EnterLayer();
+        if (_io->_AccountLayer(sources, items, z, callHook) && callHook && !_io->_WriteLayer(sources, z, items))
+            _io->_FailStep("writing a layer failed");
     }
 }
 

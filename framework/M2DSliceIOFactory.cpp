@@ -1,6 +1,21 @@
 #include "M2DSliceIOFactory.h"
 
+// Each family includes its headers in its own block.
 #include "../formats/cli/M2DSliceIO_cli.h"
+
+// legacy
+
+// zff
+
+// sectioned
+
+// clf
+
+// gcode
+
+// wza
+
+// jm
 
 namespace {
 
@@ -17,12 +32,13 @@ I2DSliceIO* NewCli(M2DSliceIO_cli::CoordinatesType type)
 namespace M2DSliceIOFactory {
 
 // Codes are persisted by callers: a code never changes its meaning, and a gap stays a gap.
-// A format joins the table with one case here once it is part of the library; until then
-// its codes give null like the gaps.
+// A format joins the table with its cases here once it is part of the library; until then
+// its codes give null like the gaps. Each family keeps to its own block below.
 I2DSliceIO* CreateSliceIO(short code)
 {
     switch (code)
     {
+    // Common Layer Interface
     case 0:
     case 8:
     case 9:
@@ -30,6 +46,21 @@ I2DSliceIO* CreateSliceIO(short code)
         return NewCli(M2DSliceIO_cli::Long);
     case 35:
         return NewCli(M2DSliceIO_cli::Short);
+
+    // SLI (3), SLC (4), SSL (5), F&S (6)
+
+    // ZFF (44, 45, 46)
+
+    // SLM (47), compressed SLM build file (48), MTT (51)
+
+    // CLF (49)
+
+    // G-code (50)
+
+    // WZA (54)
+
+    // JM (55), ASCII CLI (56)
+
     default:
         return nullptr;
     }

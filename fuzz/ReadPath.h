@@ -1,6 +1,7 @@
 #pragma once
-// The way a caller reads a Common Layer Interface file, run on arbitrary bytes: shared by the
-// fuzz target fuzz_cli_read and by the test that replays the inputs kept in fuzz/regressions/.
+// The way a caller reads a slice file of a given file-type code, run on arbitrary bytes: shared
+// by the read fuzz targets (one short file each, naming its code through
+// SLICEIO_FUZZ_READ_TARGET) and by the test that replays the inputs kept in fuzz/regressions/.
 //
 // Besides not crashing, two things must hold for any input: a full read and a scan run the
 // same decoding routine, so with the same flags they agree on the number of layers, on each
@@ -8,12 +9,15 @@
 // out the layers that its table announces.
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <typeinfo>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "formats/cli/M2DSliceIO_cli.h"
+#include "framework/M2DSliceIOFactory.h"
 #include "framework/M2DSliceContainerIterator.h"
 #include "ScratchFile.h"
 
@@ -70,10 +74,20 @@ struct PassResult
     bool Complete = false;
 };
 
-inline PassResult ReadPass(const std::wstring& path, const ReadFlags& flags)
+// The format object of the code under test; the factory must know it.
+inline std::shared_ptr<I2DSliceIO> MakeReader(short code)
+{
+    std::shared_ptr<I2DSliceIO> io = M2DSliceIOFactory::GetSliceIO(code);
+    if (!io)
+        throw std::logic_error("no reader for the fuzzed code");
+    return io;
+}
+
+inline PassResult ReadPass(const std::wstring& path, const ReadFlags& flags, short code)
 {
     PassResult result;
-    M2DSliceIO_cli io;
+    const std::shared_ptr<I2DSliceIO> reader = MakeReader(code);
+    I2DSliceIO& io = *reader;
     io.SetFileBufferSize(flags.BufferSize());
     io.SetReadOptions(flags.Options);
     if (!io.OpenFile(path, I2DSliceIO::Read))
@@ -98,10 +112,11 @@ inline PassResult ReadPass(const std::wstring& path, const ReadFlags& flags)
     return result;
 }
 
-inline PassResult ScanPass(const std::wstring& path, const ReadFlags& flags)
+inline PassResult ScanPass(const std::wstring& path, const ReadFlags& flags, short code)
 {
     PassResult result;
-    M2DSliceIO_cli io;
+    const std::shared_ptr<I2DSliceIO> reader = MakeReader(code);
+    I2DSliceIO& io = *reader;
     io.SetFileBufferSize(flags.BufferSize());
     if (!io.OpenFile(path, I2DSliceIO::Read))
         return result;
@@ -129,9 +144,9 @@ inline PassResult ScanPass(const std::wstring& path, const ReadFlags& flags)
 // take the read-ahead path) and random jumps, and once through a copy of the iterator.
 // Returns a description of the first inconsistency, or an empty string.
 inline std::string IteratorPass(const std::wstring& path, const ReadFlags& flags, std::uint64_t seed,
-                                const PassResult* scan)
+                                const PassResult* scan, short code)
 {
-    M2DSliceContainerIterator it(path, std::make_shared<M2DSliceIO_cli>(), flags.ReadVectors, flags.BufferSize(), true);
+    M2DSliceContainerIterator it(path, MakeReader(code), flags.ReadVectors, flags.BufferSize(), true);
     if (!it.IsValid())
         return {};
     const auto& table = it.GetLayerTable();
@@ -180,10 +195,19 @@ inline std::uint64_t HashBytes(const std::uint8_t* data, std::size_t size)
     return h;
 }
 
-// Runs one input. Only the exceptions that the ASCII reader documents (those of the number
-// parsers and of a line with fewer values than its count) are accepted; any other escapes.
-// Returns a description of the first inconsistency, or an empty string.
-inline std::string RunReadInput(ScratchFile& file, const std::uint8_t* data, std::size_t size)
+// Runs one input. Only the exceptions that readers document for bad input are accepted: those
+// of the number parsers and of a line with fewer values than its count (std::invalid_argument,
+// std::out_of_range) and, for a format that says so (documentedLogicError), std::logic_error
+// as such. Any other escapes. Returns a description of the first inconsistency, or "".
+inline bool IsDocumented(const std::exception& e, bool documentedLogicError)
+{
+    if (dynamic_cast<const std::invalid_argument*>(&e) || dynamic_cast<const std::out_of_range*>(&e))
+        return true;
+    return documentedLogicError && typeid(e) == typeid(std::logic_error);
+}
+
+inline std::string RunReadInput(ScratchFile& file, const std::uint8_t* data, std::size_t size, short code = 0,
+                                bool documentedLogicError = false)
 {
     file.Assign(data, size);
     const ReadFlags flags(size > 0 ? data[0] : 0);
@@ -193,23 +217,21 @@ inline std::string RunReadInput(ScratchFile& file, const std::uint8_t* data, std
     PassResult scan;
     try
     {
-        read = ReadPass(path, flags);
+        read = ReadPass(path, flags, code);
     }
-    catch (const std::invalid_argument&)
+    catch (const std::exception& e)
     {
-    }
-    catch (const std::out_of_range&)
-    {
+        if (!IsDocumented(e, documentedLogicError))
+            throw;
     }
     try
     {
-        scan = ScanPass(path, flags);
+        scan = ScanPass(path, flags, code);
     }
-    catch (const std::invalid_argument&)
+    catch (const std::exception& e)
     {
-    }
-    catch (const std::out_of_range&)
-    {
+        if (!IsDocumented(e, documentedLogicError))
+            throw;
     }
     if (flags.PassesComparable() && read.Complete && scan.Complete)
     {
@@ -222,15 +244,29 @@ inline std::string RunReadInput(ScratchFile& file, const std::uint8_t* data, std
     }
     try
     {
-        return IteratorPass(path, flags, HashBytes(data, size), flags.ScanVectors ? nullptr : &scan);
+        return IteratorPass(path, flags, HashBytes(data, size), flags.ScanVectors ? nullptr : &scan, code);
     }
-    catch (const std::invalid_argument&)
+    catch (const std::exception& e)
     {
-    }
-    catch (const std::out_of_range&)
-    {
+        if (!IsDocumented(e, documentedLogicError))
+            throw;
     }
     return {};
 }
 
 } // namespace SliceIOFuzz
+
+// The whole of a read fuzz target: its file names the code, and the format's documented
+// std::logic_error when it has one.
+#define SLICEIO_FUZZ_READ_TARGET(code, documentedLogicError)                                                   \
+    extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)                          \
+    {                                                                                                          \
+        static SliceIOFuzz::ScratchFile file;                                                                  \
+        const std::string problem = SliceIOFuzz::RunReadInput(file, data, size, code, documentedLogicError);   \
+        if (!problem.empty())                                                                                  \
+        {                                                                                                      \
+            std::fprintf(stderr, "fuzz read (code %d): %s\n", static_cast<int>(code), problem.c_str());        \
+            std::abort();                                                                                      \
+        }                                                                                                      \
+        return 0;                                                                                              \
+    }

@@ -6,8 +6,14 @@
 # in build-fuzz/crashes/<target>/.
 #
 # Usage: fuzz/run.sh [SECONDS_PER_TARGET]   (default 30; assumes cmake/setup.sh has run)
+#        fuzz/run.sh --total SECONDS         the seconds shared among the targets (at least 10 each)
 set -euo pipefail
 
+total=""
+if [ "${1:-}" = "--total" ]; then
+  total=${2:?--total needs seconds}
+  shift 2
+fi
 seconds=${1:-30}
 root=$(cd "$(dirname "$0")/.." && pwd)
 build="$root/build-fuzz"
@@ -17,8 +23,14 @@ CC=clang CXX=clang++ cmake -S "$root" -B "$build" -G Ninja -DSLICEIO_FUZZ=ON \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j"$(nproc)"
 
+targets=("$root"/fuzz/fuzz_*.cpp)
+if [ -n "$total" ]; then
+  seconds=$(( total / ${#targets[@]} ))
+  [ "$seconds" -lt 10 ] && seconds=10
+fi
+
 status=0
-for src in "$root"/fuzz/fuzz_*.cpp; do
+for src in "${targets[@]}"; do
   name=$(basename "$src" .cpp)
   seeds="$root/fuzz/corpus/${name#fuzz_}"
   work="$build/corpus/$name"      # the growing corpus; the seed folders are only read

@@ -85,8 +85,8 @@ TEST(FuzzRegression, SeedFilesReadCompletelyAndConsistently)
         const auto bytes = Bytes(file);
         EXPECT_EQ(SliceIOFuzz::RunReadInput(scratch, bytes.data(), bytes.size()), "");
         const SliceIOFuzz::ReadFlags flags(bytes[0]);
-        const auto read = SliceIOFuzz::ReadPass(scratch.Path(), flags);
-        const auto scan = SliceIOFuzz::ScanPass(scratch.Path(), flags);
+        const auto read = SliceIOFuzz::ReadPass(scratch.Path(), flags, 0);
+        const auto scan = SliceIOFuzz::ScanPass(scratch.Path(), flags, 0);
         EXPECT_TRUE(read.Complete);
         EXPECT_TRUE(scan.Complete);
         EXPECT_EQ(read.Layers.size(), 3u);

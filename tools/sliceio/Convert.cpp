@@ -12,6 +12,7 @@
 
 #include "../../contracts/M2DSliceStack.h"
 #include "../../contracts/MUnit.h"
+#include "../../framework/FormatDescriptor.h"
 #include "../../framework/M2DSliceContainerIO.h"
 #include "Tool.h"
 
@@ -150,26 +151,6 @@ std::int32_t DefaultResolution(const std::shared_ptr<I2DSliceIO>& reader, std::i
     return static_cast<std::int32_t>(std::clamp(std::lround(unitConversion / step), 1L, long{INT32_MAX}));
 }
 
-// The short CLI form holds coordinates and heights as unsigned 16-bit steps and would wrap
-// silently outside that range.
-void CheckShortCliRange(const M2DSliceStack& stack, const std::string& out, std::int32_t unitConversion,
-                        std::int32_t resolution)
-{
-    const double factor = static_cast<double>(unitConversion) / resolution;
-    const M2DSliceXYArea area = stack.GetXYArea();
-    double low = area.IsEmpty() ? 0.0 : std::min(area.XMin, area.YMin) / factor;
-    double high = area.IsEmpty() ? 0.0 : std::max(area.XMax, area.YMax) / factor;
-    for (std::uint64_t i = 0; i < stack.GetNumSlices(); ++i)
-    {
-        low = std::min(low, stack.GetSliceZPosition(i) / factor);
-        high = std::max(high, stack.GetSliceZPosition(i) / factor);
-    }
-    if (low < 0 || high + 0.5 >= 65536)
-        throw Failure(fmt::format("{}: the short CLI form holds 0 to 65535 steps, and at {} steps per unit the "
-                                  "build spans {} to {}; lower --resolution or write the long form",
-                                  out, resolution, Fixed(low, 1), Fixed(high, 1)));
-}
-
 } // namespace
 
 int RunConvert(const std::vector<std::string>& words)
@@ -212,14 +193,19 @@ int RunConvert(const std::vector<std::string>& words)
     }
     progress.Clear();
     if (!read)
-        throw Failure(DescribeReadFailure(inFormat, in, caught));
+        throw Failure(DescribeReadFailure(inFormat, in, reader.GetSliceIO().get(), caught));
     if (stack.GetNumSlices() == 0)
         throw Failure(in + ": has no layers; nothing was written");
 
     const std::int32_t resolution = resolutionOption > 0 ? static_cast<std::int32_t>(resolutionOption)
                                                          : DefaultResolution(reader.GetSliceIO(), unitConversion);
-    if (outCode == 35)
-        CheckShortCliRange(stack, out, unitConversion, resolution);
+    if (const FormatDescriptor* family = FormatRegistry::ForCode(outCode))
+        if (family->CheckWriteRange)
+        {
+            const std::string problem = family->CheckWriteRange(outCode, stack, unitConversion, resolution);
+            if (!problem.empty())
+                throw Failure(out + ": " + problem);
+        }
 
     M2DSliceContainerIO writer(static_cast<unsigned short>(outCode));
     const ProgressSource source(stack, progress, "writing " + out);

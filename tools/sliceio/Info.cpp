@@ -7,6 +7,7 @@
 
 #include "../../contracts/MUnit.h"
 #include "../../framework/M2DSliceContainerIterator.h"
+#include "../../framework/M2DSliceIOFactory.h"
 #include "Tool.h"
 
 namespace sliceio {
@@ -52,8 +53,8 @@ double LayerThickness(const M2DSliceContainerIterator& it)
 class VectorScanningIterator : public M2DSliceContainerIterator
 {
 public:
-    VectorScanningIterator(const std::string& path, short code)
-        : M2DSliceContainerIterator(WidePath(path), static_cast<unsigned short>(code), true, 0, false)
+    VectorScanningIterator(const std::string& path, std::shared_ptr<I2DSliceIO> io)
+        : M2DSliceContainerIterator(WidePath(path), std::move(io), true, 0, false)
     {
         _ScanFile(); // here, not in the base constructor, so that the override below is used
     }
@@ -219,17 +220,18 @@ int RunInfo(const std::vector<std::string>& words)
     CheckInputFile(path);
     const InputFormat format = ResolveInputFormat(path, args.Value("--type"));
 
+    const std::shared_ptr<I2DSliceIO> io = M2DSliceIOFactory::GetSliceIO(format.Code);
     std::unique_ptr<M2DSliceContainerIterator> it;
     try
     {
-        it = std::make_unique<VectorScanningIterator>(path, format.Code);
+        it = std::make_unique<VectorScanningIterator>(path, io);
     }
     catch (const std::exception& e)
     {
-        throw Failure(DescribeReadFailure(format, path, e.what()));
+        throw Failure(DescribeReadFailure(format, path, io.get(), e.what()));
     }
     if (!it->IsValid())
-        throw Failure(DescribeReadFailure(format, path, ""));
+        throw Failure(DescribeReadFailure(format, path, it->GetSliceIO().get(), ""));
 
     const std::string out = args.Flag("--json") ? Json(path, format, *it, args.Flag("--layers"))
                                                 : Text(path, format, *it, args.Flag("--layers"));

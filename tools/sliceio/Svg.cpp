@@ -10,6 +10,7 @@
 #include "../../contracts/M2DSliceUtilities.h"
 #include "../../framework/M2DSliceContainerIterator.h"
 #include "../../svg/SVGWriter.h"
+#include "../../framework/M2DSliceIOFactory.h"
 #include "Tool.h"
 
 namespace fs = std::filesystem;
@@ -59,20 +60,21 @@ int RunSvg(const std::vector<std::string>& words)
     const InputFormat format = ResolveInputFormat(path, args.Value("--type"));
     CheckOutputFile(out);
 
+    const std::shared_ptr<I2DSliceIO> io = M2DSliceIOFactory::GetSliceIO(format.Code);
     std::unique_ptr<M2DSliceContainerIterator> it;
     M2DSlice slice;
     try
     {
-        it = std::make_unique<M2DSliceContainerIterator>(WidePath(path), format.Code, true, 0, true);
+        it = std::make_unique<M2DSliceContainerIterator>(WidePath(path), io, true, 0, true);
         if (it->IsValid() && index < it->GetNumSlices())
             it->GetSlice(slice, index);
     }
     catch (const std::exception& e)
     {
-        throw Failure(DescribeReadFailure(format, path, e.what()));
+        throw Failure(DescribeReadFailure(format, path, io.get(), e.what()));
     }
     if (!it->IsValid())
-        throw Failure(DescribeReadFailure(format, path, ""));
+        throw Failure(DescribeReadFailure(format, path, it->GetSliceIO().get(), ""));
     if (index >= it->GetNumSlices())
         throw Failure(fmt::format("{}: has {} layers, numbered from 0; there is no layer {}", path,
                                   it->GetNumSlices(), index));

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+class I2DSliceIO;
+
 // Shared pieces of the sliceio command-line tool. The tool is a thin client of the library:
 // it reads and writes through the factory and the drivers, and it alone prints.
 namespace sliceio {
@@ -77,10 +79,10 @@ void CheckInputFile(const std::string& path);
 // unwritable parent directory.
 void CheckOutputFile(const std::string& path);
 
-// One line saying which step of reading the file failed (opening, header, layer N,
-// footer), found by driving the reader step by step. caught is the text of an exception
-// that an earlier attempt ended with, used when the steps all pass this time.
-std::string DescribeReadFailure(const InputFormat& format, const std::string& path, const std::string& caught);
+// One line saying why reading the file failed: the reader's own reason, else the text of the
+// exception it ended with (caught), else a plain statement.
+std::string DescribeReadFailure(const InputFormat& format, const std::string& path, const I2DSliceIO* io,
+                                const std::string& caught);
 
 // Paths in the library's form.
 std::wstring WidePath(const std::string& path);

@@ -84,12 +84,35 @@ void BuildGenerator::_BuildTemplate(M2DSlice& slice, int index) const
     M2DSliceVectorLayer& vectors = *slice.GetVectorsUpdate();
     for (int part = 0; part < parts; ++part)
     {
+        if (_shape.OnlyPart >= 0 && part != _shape.OnlyPart)
+            continue;
         const double cx = kPitch * (part % columns + 0.5);
         const double cy = kPitch * (part / columns + 0.5);
         const double radius = 250000.0 * (1.0 + 0.08 * std::sin(2.0 * kPi * index / _shape.DistinctLayers + part));
         const double hole = 0.4 * radius;
         AddRing(border, cx, cy, radius, _shape.PointsPerOuter, true, part);
         AddRing(border, cx, cy, hole, _shape.PointsPerHole, false, part);
+        if (_shape.OpenPolylinePoints > 1)
+        {
+            // A zigzag beside the ring, as a support line would run.
+            M2DSliceContour* line = border.AddContourAtEnd();
+            M2DSliceVectorTypeInfo label(e2DSliceVectorType_Other);
+            label.SetIndex(e2DSliceVectorTypeIndex_Part, part);
+            line->SetTypeInfo(label);
+            line->SetIsClosed(false);
+            line->SetIsOuterContour(false);
+            for (int k = 0; k < _shape.OpenPolylinePoints; ++k)
+                line->InsertAtEnd(Round(cx - radius + 20000.0 * k), Round(cy - 1.1 * radius - 10000.0 * (k & 1)), nullptr);
+        }
+        if (_shape.PointsPerPart > 0)
+        {
+            M2DSlicePointBlock* points = slice.GetPointsUpdate()->AddPointBlockAtEnd();
+            M2DSliceVectorTypeInfo label(e2DSliceVectorType_Kind5);
+            label.SetIndex(e2DSliceVectorTypeIndex_Part, part);
+            points->SetTypeInfo(label);
+            for (int k = 0; k < _shape.PointsPerPart; ++k)
+                points->Points.push_back(M2DSlicePoint(Round(cx + 0.5 * hole * std::cos(k)), Round(cy + 0.5 * hole * std::sin(k))));
+        }
 
         // Lines across the ring at spacing s give about 2R/s vectors, and those that cross the
         // hole one more each: 2(R + r)/s in all.
@@ -129,6 +152,21 @@ void BuildGenerator::_BuildTemplate(M2DSlice& slice, int index) const
                 add(-a, a);
         }
     }
+}
+
+std::vector<std::shared_ptr<ISource2DSlices>> BuildGenerator::SplitByPart() const
+{
+    std::vector<std::shared_ptr<ISource2DSlices>> sources;
+    for (int part = 0; part < _shape.Parts; ++part)
+    {
+        BuildShape shape = _shape;
+        shape.OnlyPart = part;
+        auto source = std::make_shared<BuildGenerator>(shape);
+        source->_properties.SetValue(L"PartID", std::int32_t{part + 1});
+        source->_properties.SetValue(L"PartName", L"part" + std::to_wstring(part + 1));
+        sources.push_back(source);
+    }
+    return sources;
 }
 
 std::uint64_t BuildGenerator::GetTotalNumVectors() const
