@@ -3,12 +3,12 @@
 #include "MFile.h"
 
 // Record layout: uint32 count of instances, then per instance int32 id, the name as a
-// property string, float64 speed, laser power and laser diameter; then the two int32
-// lookup ids.
+// property string, float64 speed, laser power and laser diameter, and the instance's named
+// values as a property store; then the two int32 lookup ids.
 
 namespace {
 
-constexpr std::int64_t MinInstanceSize = 4 + 4 + 3 * 8;
+constexpr std::int64_t MinInstanceSize = 4 + 4 + 3 * 8 + 12; // an empty store: magic, version, count
 
 } // namespace
 
@@ -47,7 +47,7 @@ bool M2DSliceBuildParameters::Write(MFile& file) const
         std::int32_t id = instance.GetID();
         double numbers[3] = {instance.GetSpeed(), instance.GetLaserPower(), instance.GetLaserDiameter()};
         ok = ok && file.WriteInt32(&id, 1) == 4 && WriteValueOfProperty(file, instance.GetName()) &&
-             file.WriteDouble(numbers, 3) == sizeof(numbers);
+             file.WriteDouble(numbers, 3) == sizeof(numbers) && instance.GetProperties().Write(file);
     }
     std::int32_t ids[2] = {_lookup.First, _lookup.Second};
     return ok && file.WriteInt32(ids, 2) == sizeof(ids);
@@ -67,7 +67,11 @@ bool M2DSliceBuildParameters::Read(MFile& file)
         if (file.ReadInt32(&id, 1) != 4 || !ReadValueOfProperty(file, name) ||
             file.ReadDouble(numbers, 3) != sizeof(numbers))
             return false;
+        PersistentProperties values;
+        if (!values.Read(file))
+            return false;
         Instance& instance = instances.emplace_back();
+        instance.GetPropertiesUpdate() = std::move(values);
         instance.SetID(id);
         instance.SetName(name.c_str());
         instance.SetSpeed(numbers[0]);

@@ -24,10 +24,13 @@ public:
         void SetLaserPower(double power) { _power = power; }
         double GetLaserDiameter() const { return _diameter; }
         void SetLaserDiameter(double diameter) { _diameter = diameter; }
+        // Further named values a format keeps with the instance ("ModelID", "LaserFocus", ...).
+        const PersistentProperties& GetProperties() const { return _properties; }
+        PersistentProperties& GetPropertiesUpdate() { return _properties; }
         bool operator==(const Instance& o) const
         {
             return _id == o._id && _name == o._name && _speed == o._speed && _power == o._power &&
-                   _diameter == o._diameter;
+                   _diameter == o._diameter && _properties == o._properties;
         }
 
     private:
@@ -36,6 +39,7 @@ public:
         double _speed = 0.0;
         double _power = 0.0;
         double _diameter = 0.0;
+        PersistentProperties _properties;
     };
 
     // Where a format finds its build styles: ids of lookup tables, filled by the formats.

@@ -8,6 +8,7 @@
 // zff
 
 // sectioned
+#include "../formats/sectioned/M2DSliceIO_slm.h"
 
 // clf
 
@@ -52,6 +53,8 @@ I2DSliceIO* CreateSliceIO(short code)
     // ZFF (44, 45, 46)
 
     // SLM (47), compressed SLM build file (48), MTT (51)
+    case 47:
+        return new M2DSliceIO_slm(false);
 
     // CLF (49)
 

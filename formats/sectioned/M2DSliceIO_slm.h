@@ -1,0 +1,288 @@
+#pragma once
+// SLM layer files: a tree of tagged sections (Sectioned::SectionBuffer, SectionCodec.h) with a
+// header of models and build styles, one or two layer sections per height, a seek table of the
+// layers and a CRC-32 at the end.
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "../../contracts/M2DSliceBuildParameters.h"
+#include "../../contracts/PersistentProperties.h"
+#include "../../framework/I2DSliceIO.h"
+#include "SectionCodec.h"
+
+class M2DSliceIO_slm : public I2DSliceIO
+{
+public:
+    enum EWriteOrder : std::int32_t
+    {
+        WriteOrderByBuildOrder = 0,
+        WriteOrderPerSlice = 1,
+    };
+
+    // The laser settings a vector block refers to by id.
+    struct BuildStyle
+    {
+        std::int64_t BuildStyleId = 0;
+        std::int64_t PointDistance = 0;
+        std::int64_t ExposureTime = 0;
+        float LaserFocus = 0.0f;
+        float LaserPower = 0.0f;
+        float LaserSpeed = 0.0f;
+        float LaserPowerFactor = 0.0f;
+        float LaserSpeedFactor = 0.0f;
+        std::int32_t LaserIndex = 0;
+        std::wstring BuildStyleName;
+    };
+
+    struct GeneratingParameterEntry
+    {
+        std::u16string Key;
+        std::u16string Value;
+        std::u16string Unit;
+    };
+
+    // One model as gathered for writing.
+    struct ModelInfoMap
+    {
+        std::int32_t ModelId = 0;
+        std::int32_t ModelTopSlice = 0;
+        std::wstring ModelName;
+        std::wstring BuildStrategyName;
+        std::wstring BuildStrategyComment;
+        std::vector<std::unique_ptr<BuildStyle>> BuildStyles;
+        std::map<std::string, std::vector<GeneratingParameterEntry>> GeneratingParameters;
+        bool BuildStrategyProtection = true;
+        bool PartFound = false;
+        bool SupportsFound = false;
+        bool VolumeSupportsFound = false;
+    };
+
+    // One model as read.
+    struct ModelInfo
+    {
+        std::int64_t ModelId = 0;
+        std::int64_t ModelTopSlice = 0;
+        std::string ModelName; // UTF-8
+        std::map<std::int64_t, std::unique_ptr<BuildStyle>> BuildStyles;
+    };
+
+    struct SeekTableEntry
+    {
+        std::int64_t Position = 0;
+        double Z = 0.0; // millimetres
+    };
+
+    // A build style as a block of a layer refers to it on reading.
+    struct SlmBuildProperties
+    {
+        std::int32_t BuildStyleId = 0;
+        std::int32_t PointDistance = 0;
+        std::int32_t ExposureTime = 0;
+        float LaserFocus = 0.0f;
+        float LaserPower = 0.0f;
+        float LaserSpeed = 0.0f;
+        std::int32_t LaserIndex = 0;
+        std::wstring Name;
+        bool operator==(const SlmBuildProperties& o) const
+        {
+            return BuildStyleId == o.BuildStyleId && PointDistance == o.PointDistance &&
+                   ExposureTime == o.ExposureTime && LaserFocus == o.LaserFocus && LaserPower == o.LaserPower &&
+                   LaserSpeed == o.LaserSpeed && LaserIndex == o.LaserIndex && Name == o.Name;
+        }
+    };
+
+    // A run of one block's vectors that becomes one polygon or hatch section.
+    struct VectorBlockExtract
+    {
+        const M2DSliceVectorBlock* Block = nullptr;
+        bool IsPolygon = false;
+        std::int64_t FirstVector = 0;
+        std::int64_t EndVector = 0; // one past the last
+    };
+
+    explicit M2DSliceIO_slm(bool compressed);
+    ~M2DSliceIO_slm() override;
+
+    void SetWriteOrder(EWriteOrder order) { _writeOrder = order; }
+    void SetSupportsFirst(bool first) { _supportsFirst = first; }
+    void SetBuildOrder(const std::vector<M2DSliceVectorTypeInfo>& order) { _buildOrder = order; }
+    void SetProductInformation(const std::wstring& name, const std::wstring& version)
+    {
+        _productName = name;
+        _productVersion = version;
+    }
+    void SetParameterXml(const std::string& xml) { _parameterXml = xml; }
+    void SetConfigXml(const std::string& path) { _configXmlPath = path; }
+    void SetUsedMaterialName(const std::wstring& name) { _usedMaterialName = name; }
+    void SetUsedMaterialComment(const std::wstring& comment) { _usedMaterialComment = comment; }
+    void SetUsedBuildStrategyName(const std::wstring& name) { _usedBuildStrategyName = name; }
+    void SetUsedBuildStrategyComment(const std::wstring& comment) { _usedBuildStrategyComment = comment; }
+    void SetUsedBuildStrategyProtection(bool protect) { _buildStrategyProtection = protect; }
+    bool GetUsedBuildStrategyProtection() const { return _buildStrategyProtection; }
+    void SetFileGuid(const std::wstring& guid) { _fileGuid = guid; }
+    const std::wstring& GetFileGuid() const { return _fileGuid; }
+
+    // Values for the keys a source must carry ("PartID", "IsSupport", "IsVolumeSupport",
+    // "SLMBuildStyles", ...) that are used where a source lacks them, so that a build whose
+    // sources say nothing of build styles can still be written. Empty by default: then a
+    // source must carry every key.
+    void SetSourceDefaults(const PersistentProperties& defaults) { _sourceDefaults = defaults; }
+
+    // What the header said, after ReadHeader: "File ID String", "File Version", "Layer Z Unit".
+    const std::map<std::string, std::string>& GetHeaderInfo() const { return _headerInfo; }
+    // Models read from the header, by id.
+    const std::map<std::int64_t, std::unique_ptr<ModelInfo>>& GetModelTable() const { return _modelTable; }
+    bool IsCompressed() const { return _compressed; }
+
+protected:
+    bool _OpenFile(const std::wstring& path, MOpenMode mode) override;
+    bool _CloseFile() override;
+    bool _WriteHeader(const std::vector<const ISource2DSlices*>& sources) override;
+    bool _WriteLayer(const std::vector<const ISource2DSlices*>& sources, std::int32_t z,
+                     const M2DSliceConstDataItems& items) override;
+    bool _WriteFooter(const std::vector<const ISource2DSlices*>& sources) override;
+    bool _ReadHeader(ITarget2DSlices* target) override;
+    bool _ReadLayer(M2DSlice& slice, ITarget2DSlices* target, bool readVectors) override;
+    bool _ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* target, bool readVectors) override;
+    bool _ReadFooter(ITarget2DSlices* target) override;
+    // Reads the file id at the file's position: true for an SLM, MTT or compressed build file;
+    // compressed is set for the last and left alone otherwise.
+    virtual bool _IdentifyFile(bool& compressed);
+
+    // ---- writing, shared with the MTT writer
+    // The magic text of the file-type code: "SLM-Layerfile" for 47, "MTT-Layerfile" for any
+    // other.
+    const char* _FileIdText() const;
+    // Writes bytes at the file's position and runs them through the running checksum.
+    bool _Emit(const void* data, std::size_t n);
+    bool _Emit(const std::vector<unsigned char>& bytes) { return _Emit(bytes.data(), bytes.size()); }
+    // Seeks to 0 and writes byte 1 and the fixed LF number of size; the file stays behind them.
+    bool _WriteHeaderSizeInfo(std::uint64_t size);
+    // The header body up to the models: sections 2, 3, 42, 27, 4, 44, 38, 36; notes where
+    // section 4's value stands (offset in bytes).
+    void _WriteHeaderFrame(Sectioned::SectionBuffer& out, std::size_t& seekPointerAt) const;
+    void _WriteFileHistorySection(Sectioned::SectionBuffer& out) const;
+    // Section 8 with one section 9 per entry; the caller patches section 4 and the checksum.
+    bool _WriteSeekTable();
+    // The section head 15 04 and the CRC-32 of everything before the last four bytes.
+    bool _WriteChecksumSection();
+    // The checksum of an open file computed by reading it: its first size - 4 bytes are run
+    // through CRC-32 and the result is written over its last four bytes.
+    static bool _WriteChecksumSection(MFile& file);
+
+    // ---- models and build styles (writing)
+    bool _GetBuildStyleListNameAndTopSlice(const std::vector<const ISource2DSlices*>& sources,
+                                           std::vector<std::unique_ptr<ModelInfoMap>>& models);
+    bool _GetBuildStylesForPart(const PersistentProperties& source, std::vector<std::unique_ptr<BuildStyle>>& list);
+    bool _GetBuildStylesForVolumeSupports(const PersistentProperties& source,
+                                          std::vector<std::unique_ptr<BuildStyle>>& list);
+    bool _GetBuildStylesForWallSupports(const PersistentProperties& source,
+                                        std::vector<std::unique_ptr<BuildStyle>>& list);
+    bool _WriteModelSection(const ModelInfoMap& model, Sectioned::SectionBuffer& out) const;
+    static void _WriteBuildStyleSection(const BuildStyle& style, Sectioned::SectionBuffer& out);
+    static std::int64_t _CalcBuildStyleSectionSize(const BuildStyle& style);
+    static void _WriteExtraBuildStyleSection(const BuildStyle& style, Sectioned::SectionBuffer& out);
+    static std::int64_t _CalcExtraBuildStyleSectionSize(const BuildStyle& style, bool withHead);
+    static bool _isNamedStrategyUsed(const std::vector<std::unique_ptr<ModelInfoMap>>& models, const std::wstring& name);
+    // The style with this id of the model with this id among the models being written.
+    const BuildStyle* _FindWrittenBuildStyle(std::int64_t modelId, std::int64_t styleId) const;
+
+    // ---- models and build styles (reading)
+    bool _LoadModelInfo(ByteCursor body);
+    bool _LoadModelBuildStyle(ModelInfo& model, ByteCursor body);
+    bool _HasModelID(std::int64_t id) const { return _modelTable.count(id) != 0; }
+    ModelInfo* _GetModelInfoByID(std::int64_t id) const;
+    static BuildStyle* _GetBuildStyleByMapAndID(const ModelInfo& model, std::int64_t id);
+    void _ConvertModelInfoToBuildParameters(ITarget2DSlices* target);
+    std::int32_t _ConvertBuildStyleToBuildParameters(const BuildStyle& style, std::int64_t modelId, std::int32_t id);
+    std::int32_t _GetBuildParametersIndexOfBuildStyle(const BuildStyle& style, std::int64_t modelId, bool generated);
+    static e2DSliceVectorType _GetVectorTypeFromBuildStyleId(std::int64_t id);
+    static void _AddVectorTypeInfo(std::int64_t id, M2DSliceVectorTypeInfo& info);
+
+    // A block of a layer as it is read.
+    struct M2DMTTVectorBlock
+    {
+        std::int32_t BlockKind = 0; // 0 polygon, 1 hatch; 2 and 3 the same in a second pass
+        const unsigned char* Coordinates = nullptr; // raw floats, in place
+        std::size_t NumFloats = 0;
+        std::int64_t ModelId = 0;
+        std::int64_t StyleId = 0;
+        bool HasModelId = false;
+        bool HasStyleId = false;
+        std::int32_t PropertyIndex = 0;
+        std::int32_t ParameterId = 0;
+    };
+    bool _FindBuildProperties(M2DMTTVectorBlock& block);
+    void _SetBuildPropertiesToVectorBlock(M2DMTTVectorBlock& block, const SlmBuildProperties& properties);
+    std::int32_t _GetIndexOfProperties(const SlmBuildProperties& properties) const;
+    void _AddNewProperty(const SlmBuildProperties& properties);
+    bool _LoadBuildParameterSection(M2DMTTVectorBlock& block, ByteCursor body);
+
+    // ---- layers
+    bool _WriteLayerSection(const std::vector<const M2DSlice*>& slices);
+    void _ExtractBlocks(const M2DSlice& slice, std::vector<VectorBlockExtract>& extracts) const;
+    void _SortVectorsForBuildOrder(std::vector<VectorBlockExtract>& extracts) const;
+    static void _FilterEmptyVectorBlock(std::vector<VectorBlockExtract>& extracts);
+    void _GetTypeOrderVectorSorting(const M2DSlice& slice, std::vector<M2DSliceVectorTypeInfo>& types) const;
+    std::int64_t _CalcVectorBlockSectionSize(const VectorBlockExtract& extract) const;
+    bool _WritePolygonSection(const VectorBlockExtract& extract, std::int64_t size, Sectioned::SectionBuffer& out) const;
+    bool _WriteHatchSection(const VectorBlockExtract& extract, std::int64_t size, Sectioned::SectionBuffer& out) const;
+    bool _FetchLayer(ILayerInput& input, ITarget2DSlices* target);
+    bool _LoadLayer(ByteCursor body, ILayerInput& input, bool second);
+    bool _LoadBlock(ByteCursor body, M2DMTTVectorBlock& block, bool polygon);
+    void _AddNewPolygon(ILayerInput& input, const M2DMTTVectorBlock& block);
+    void _AddNewVectorBlock(ILayerInput& input, const M2DMTTVectorBlock& block);
+    M2DSliceVectorTypeInfo _BlockLabel(const M2DMTTVectorBlock& block) const;
+
+    // What a source says, or the source defaults when it does not.
+    template <class T>
+    bool _SourceValue(const PersistentProperties& source, const std::wstring& key, T& value) const
+    {
+        return source.GetValue(key, value) || _sourceDefaults.GetValue(key, value);
+    }
+
+    // ---- state
+    std::map<std::int64_t, std::unique_ptr<ModelInfo>> _modelTable;
+    Sectioned::SectionHeader _seekSectionHeader;
+    std::int64_t _seekTableOffset = 0;
+    std::int64_t _seekTableEnd = 0;      // reading: first byte after the seek table
+    std::int64_t _seekPointerPosition = 0; // writing: where section 4's fixed LF number stands
+    std::int32_t _entriesRead = 0;
+    EWriteOrder _writeOrder = WriteOrderPerSlice;
+    std::vector<SeekTableEntry> _seekEntries;
+    std::vector<std::unique_ptr<ModelInfoMap>> _models;
+    std::vector<M2DSliceVectorTypeInfo> _buildOrder;
+    std::vector<SlmBuildProperties> _properties;
+    std::string _configXmlPath;
+    std::wstring _targetPath;
+    std::wstring _productName;
+    std::wstring _productVersion;
+    std::string _parameterXml;
+    std::wstring _usedMaterialName;
+    std::wstring _usedMaterialComment;
+    std::wstring _usedBuildStrategyName;
+    std::wstring _usedBuildStrategyComment;
+    std::wstring _fileGuid;
+    bool _buildStrategyProtection = true;
+    bool _supportsFirst = true;
+    bool _compressed;
+    bool _scanFailed = false;
+    IndexedProperties<PersistentProperties>* _buildStyleList = nullptr;
+    M2DSliceBuildParameters* _buildParameters = nullptr;
+
+    PersistentProperties _sourceDefaults;
+    std::map<std::string, std::string> _headerInfo;
+    // Writing: the header as written (patched in memory too) and the running checksum of
+    // everything after it.
+    std::vector<unsigned char> _headerBytes;
+    std::uint32_t _crcAfterHeader = 0;
+    std::uint64_t _bytesAfterHeader = 0;
+    std::vector<unsigned char> _layerBytes; // one layer section, reused
+    // Reading: storage for records that do not fit the file's buffer, and converted points.
+    std::vector<unsigned char> _recordStorage;
+    std::vector<int> _points;
+    std::vector<M2DSliceVector> _polygonVectors;
+};

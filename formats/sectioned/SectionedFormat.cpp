@@ -1,0 +1,49 @@
+// The sectioned layer files (SLM) as the rest of the library and the tool see them.
+#include <cstring>
+#include <string>
+
+#include "../../framework/FormatDescriptor.h"
+#include "SectionCodec.h"
+
+namespace {
+
+// Section 1 at offset 0 and section 2 right inside it, holding the file id.
+bool SniffSectioned(const unsigned char* head, std::size_t size, short& code, std::size_t& at)
+{
+    ByteCursor in(head, size);
+    Sectioned::SectionHeader section;
+    if (!Sectioned::ReadHead(in, section) || section.Id != Sectioned::Id_Header)
+        return false;
+    at = in.Offset();
+    ByteCursor text;
+    if (!Sectioned::ReadSection(in, section, text) || section.Id != Sectioned::Id_FileId || section.Size >= 512)
+        return false;
+    const std::string id = Sectioned::LoadNarrow(text);
+    // The plain reader reads files that call themselves MTT as well.
+    if (id == "SLM-Layerfile" || id == "MTT-Layerfile")
+        code = 47;
+    else if (id == "[Compressed SLM Buildfile]")
+        code = 48;
+    else
+        return false;
+    return true;
+}
+
+const FormatDescriptor kSectioned = {
+    "sectioned",
+    "SLM layer file",
+    {
+        {47, "SLM", ".slm", true, true},
+    },
+    SniffSectioned,
+    nullptr,
+    // Only vector blocks are written (contours and point blocks are not), as floats in
+    // millimetres, which read back at that scale only; labels come back from the build styles
+    // the file names, so a block whose style is not among them loses its parameter index.
+    FormatLoss_Contours | FormatLoss_Points | FormatLoss_Scale | FormatLoss_Rounding | FormatLoss_Labels |
+        FormatLoss_EmptyLayers,
+};
+
+const FormatRegistration registration(kSectioned);
+
+} // namespace
