@@ -130,6 +130,10 @@ public:
     // sources say nothing of build styles can still be written. Empty by default: then a
     // source must carry every key.
     void SetSourceDefaults(const PersistentProperties& defaults) { _sourceDefaults = defaults; }
+    // Writes each contour as a polygon block (closed ones with their closing segment) ahead
+    // of the slice's vector blocks, labelled as the contour is. Off by default: then contours
+    // are not written at all.
+    void SetContoursAsPolygons(bool on) { _contoursAsPolygons = on; }
 
     // What the header said, after ReadHeader: "File ID String", "File Version", "Layer Z Unit".
     const std::map<std::string, std::string>& GetHeaderInfo() const { return _headerInfo; }
@@ -224,6 +228,7 @@ protected:
     // ---- layers
     bool _WriteLayerSection(const std::vector<const M2DSlice*>& slices);
     void _ExtractBlocks(const M2DSlice& slice, std::vector<VectorBlockExtract>& extracts) const;
+    void _ExtractContours(const M2DSlice& slice, std::vector<VectorBlockExtract>& extracts);
     void _SortVectorsForBuildOrder(std::vector<VectorBlockExtract>& extracts) const;
     static void _FilterEmptyVectorBlock(std::vector<VectorBlockExtract>& extracts);
     void _GetTypeOrderVectorSorting(const M2DSlice& slice, std::vector<M2DSliceVectorTypeInfo>& types) const;
@@ -274,6 +279,8 @@ protected:
     M2DSliceBuildParameters* _buildParameters = nullptr;
 
     PersistentProperties _sourceDefaults;
+    bool _contoursAsPolygons = false;
+    std::vector<std::unique_ptr<M2DSliceVectorBlock>> _contourBlocks; // one layer section's contours
     std::map<std::string, std::string> _headerInfo;
     // Writing: the header as written (patched in memory too) and the running checksum of
     // everything after it.

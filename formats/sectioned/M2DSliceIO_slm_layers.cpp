@@ -79,6 +79,31 @@ void M2DSliceIO_slm::_ExtractBlocks(const M2DSlice& slice, std::vector<VectorBlo
     }
 }
 
+void M2DSliceIO_slm::_ExtractContours(const M2DSlice& slice, std::vector<VectorBlockExtract>& extracts)
+{
+    for (const M2DSliceContour* contour = slice.GetSliceBorder()->GetFirstContour(); contour;
+         contour = contour->GetNextContour())
+    {
+        const std::uint32_t n = contour->GetNumPoints();
+        if (n < 2)
+            continue;
+        auto block = std::make_unique<M2DSliceVectorBlock>();
+        M2DSliceVectorTypeInfo label = contour->GetTypeInfo();
+        if (!IsPolygonType(label.GetType()))
+            label.SetType(e2DSliceVectorType_Border);
+        block->SetTypeInfo(label);
+        block->Vectors.reserve(n);
+        const M2DSliceContourPoint* p = contour->GetFirstPoint();
+        for (std::uint32_t i = 1; i < n; ++i, p = p->GetNextPoint())
+            block->Vectors.emplace_back(p->x, p->y, p->GetNextPoint()->x, p->GetNextPoint()->y);
+        if (contour->GetIsClosed())
+            block->Vectors.emplace_back(p->x, p->y, contour->GetFirstPoint()->x, contour->GetFirstPoint()->y);
+        const auto count = static_cast<std::int64_t>(block->Vectors.size());
+        extracts.push_back({block.get(), true, 0, count});
+        _contourBlocks.push_back(std::move(block));
+    }
+}
+
 void M2DSliceIO_slm::_SortVectorsForBuildOrder(std::vector<VectorBlockExtract>& extracts) const
 {
     if (_buildOrder.empty())
@@ -225,9 +250,12 @@ bool M2DSliceIO_slm::_WriteHatchSection(const VectorBlockExtract& extract, std::
 bool M2DSliceIO_slm::_WriteLayerSection(const std::vector<const M2DSlice*>& slices)
 {
     std::vector<VectorBlockExtract> extracts, own;
+    _contourBlocks.clear();
     for (const M2DSlice* slice : slices)
     {
         own.clear();
+        if (_contoursAsPolygons)
+            _ExtractContours(*slice, own);
         _ExtractBlocks(*slice, own);
         _SortVectorsForBuildOrder(own);
         extracts.insert(extracts.end(), own.begin(), own.end());

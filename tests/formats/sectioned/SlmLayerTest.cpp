@@ -57,6 +57,16 @@ TEST(SlmLayerTest, BlocksBecomeHatchOrPolygonSectionsByKindAndStyle)
                                      .text("\x0C\x16\x12\x02\x01\x13\x14\x10")
                                      .f32(0.0f).f32(0.0f).f32(1.0f).f32(0.0f).s;
     EXPECT_TRUE(kit::SameBytes(expected, FirstLayer(file)));
+
+    // Asked to, the writer gives each contour a polygon section ahead of the blocks: a closed
+    // square is four segments, five points.
+    const std::string withContours =
+        WriteSlm({stack.get()}, dir.File("contours.slm"), [](M2DSliceIO_slm& io) { io.SetContoursAsPolygons(true); });
+    const std::string square = Bytes()
+                                   .text(std::string("\x0B\x20\x2F\x12\x02\x00\x00\x13\x20\x28", 10))
+                                   .f32(0).f32(0).f32(0).f32(1).f32(1).f32(1).f32(1).f32(0).f32(0).f32(0)
+                                   .s;
+    EXPECT_TRUE(kit::SameBytes(square + expected, FirstLayer(withContours)));
 }
 
 TEST(SlmLayerTest, FlaggedPolygonCarriesModelStyleAndTheFactoredExtraStyle)

@@ -1,0 +1,271 @@
+// The tool's side of SLM layer files: a model per input part with build styles from the
+// settings file's "sectioned" section where the input has none, material and strategy names,
+// the optional material database and configuration XML, and the millimetre scale the files
+// read back at. `info` shows the header, the models and their build styles.
+#include <cstdint>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include <fmt/format.h>
+
+#include "../../../contracts/MUnit.h"
+#include "../../../contracts/PersistentProperties.h"
+#include "../../../contracts/StringConversion.h"
+#include "../../../formats/sectioned/M2DSliceIO_slm.h"
+#include "../FormatHooks.h"
+#include "../Tool.h"
+
+namespace sliceio {
+
+namespace {
+
+using nlohmann::json;
+
+json DefaultStyle(int id, const char* name)
+{
+    json style = json::object();
+    style["Id"] = id;
+    style["Name"] = name;
+    style["LaserSpeed"] = 1000.0;
+    style["LaserPower"] = 200.0;
+    style["LaserFocus"] = 0.0;
+    style["LaserSpeedFactor"] = 1.0;
+    style["LaserPowerFactor"] = 1.0;
+    style["PointDistance"] = 70;
+    style["ExposureTime"] = 80;
+    style["LaserIndex"] = 1;
+    return style;
+}
+
+json Defaults()
+{
+    json settings = json::object();
+    // Given to every input part that names no build styles of its own. A block refers to a
+    // style by its parameter index, so the defaults cover the indexes inputs commonly use.
+    settings["BuildStyles"] = json::array({DefaultStyle(0, "Hatch"), DefaultStyle(1, "Contour"),
+                                           DefaultStyle(2, "Hatch 2"), DefaultStyle(3, "Contour 2")});
+    settings["MaterialName"] = "";
+    settings["MaterialComment"] = "";
+    settings["BuildStrategyName"] = "";
+    settings["BuildStrategyComment"] = "";
+    settings["BuildStrategyProtection"] = true;
+    settings["ProductName"] = "sliceio";
+    settings["ProductVersion"] = "1.0";
+    settings["FileGuid"] = ""; // empty: a new random one
+    settings["MaterialDatabaseXml"] = ""; // path; with ConfigXml, gives generating parameters
+    settings["ConfigXml"] = "";
+    settings["ContoursAsPolygons"] = true; // false: contours are not written
+    settings["WriteOrder"] = "PerSlice";   // or "ByBuildOrder"
+    return settings;
+}
+
+[[noreturn]] void Wrong(const std::string& key, const char* expected)
+{
+    throw Failure(fmt::format("settings: \"sectioned.{}\" must be {}", key, expected));
+}
+
+std::wstring WideText(const json& settings, const char* key)
+{
+    if (!settings[key].is_string())
+        Wrong(key, "a text");
+    return StringConversion::Utf8ToNative(settings[key].get<std::string>());
+}
+
+std::wstring RandomGuid()
+{
+    std::random_device device;
+    std::mt19937_64 random((static_cast<std::uint64_t>(device()) << 32) ^ device());
+    const std::uint64_t a = random(), b = random();
+    return StringConversion::Utf8ToNative(fmt::format("{:08x}-{:04x}-4{:03x}-{:04x}-{:012x}", a >> 32, (a >> 16) & 0xFFFF,
+                                                      a & 0xFFF, 0x8000 | ((b >> 48) & 0x3FFF), b & 0xFFFFFFFFFFFFull));
+}
+
+IndexedProperties<PersistentProperties> StylesOf(const json& list)
+{
+    const char* shape = "a list of styles, each {\"Id\": whole number, \"Name\": text, \"LaserSpeed\", \"LaserPower\", "
+                        "\"LaserFocus\", \"LaserSpeedFactor\", \"LaserPowerFactor\": numbers, \"PointDistance\", "
+                        "\"ExposureTime\", \"LaserIndex\": whole numbers}";
+    if (!list.is_array())
+        Wrong("BuildStyles", shape);
+    IndexedProperties<PersistentProperties> styles;
+    for (const json& entry : list)
+    {
+        if (!entry.is_object())
+            Wrong("BuildStyles", shape);
+        json style = DefaultStyle(0, "");
+        for (const auto& [key, value] : entry.items())
+        {
+            if (!style.contains(key))
+                throw Failure(fmt::format("settings: unknown key \"sectioned.BuildStyles[].{}\"", key));
+            style[key] = value;
+        }
+        PersistentProperties& item = styles.Add();
+        for (const char* key : {"Id", "PointDistance", "ExposureTime", "LaserIndex"})
+        {
+            const json& v = style[key];
+            if (!v.is_number_integer() || v.get<std::int64_t>() < 0 || v.get<std::int64_t>() > INT32_MAX)
+                Wrong(std::string("BuildStyles[].") + key, "a whole number from 0");
+        }
+        for (const char* key : {"LaserSpeed", "LaserPower", "LaserFocus", "LaserSpeedFactor", "LaserPowerFactor"})
+            if (!style[key].is_number())
+                Wrong(std::string("BuildStyles[].") + key, "a number");
+        if (!style["Name"].is_string())
+            Wrong("BuildStyles[].Name", "a text");
+        item.SetValue(L"SLMBuildStyleID", style["Id"].get<std::int32_t>());
+        item.SetValue(L"PointDistance", style["PointDistance"].get<std::int32_t>());
+        item.SetValue(L"ExposureTime", style["ExposureTime"].get<std::int32_t>());
+        item.SetValue(L"LaserIndex", style["LaserIndex"].get<std::int32_t>());
+        item.SetValue(L"LaserSpeed", style["LaserSpeed"].get<double>());
+        item.SetValue(L"LaserPower", style["LaserPower"].get<double>());
+        item.SetValue(L"LaserFocus", style["LaserFocus"].get<double>());
+        item.SetValue(L"LaserSpeedFactor", style["LaserSpeedFactor"].get<double>());
+        item.SetValue(L"LaserPowerFactor", style["LaserPowerFactor"].get<double>());
+        const std::wstring name = StringConversion::Utf8ToNative(style["Name"].get<std::string>());
+        item.SetValue(L"SLMBuildStyleName", name);
+        item.SetValue(L"VectorType", name);
+    }
+    return styles;
+}
+
+std::string ReadText(const std::string& path, const char* key)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw Failure(fmt::format("settings: \"sectioned.{}\" names \"{}\", which cannot be opened", key, path));
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void Prepare(WriterSetup& setup)
+{
+    auto* slm = dynamic_cast<M2DSliceIO_slm*>(setup.Writer);
+    if (!slm)
+        return;
+    json settings = Defaults();
+    for (const auto& [key, value] : setup.Settings.items())
+    {
+        if (!settings.contains(key))
+            throw Failure(fmt::format("settings: unknown key \"sectioned.{}\"", key));
+        settings[key] = value;
+    }
+
+    // Coordinates are floats in millimetres, and a reader takes them so: only that scale
+    // reads back true.
+    if (setup.ScaleGiven && (setup.UnitConversion != MUnit::GetIE() || setup.InverseResolution != 1))
+        throw Failure("SLM files hold millimetres and read back at that scale only: leave out --units and "
+                      "--resolution (or give millimetres at resolution 1)");
+    setup.UnitConversion = MUnit::GetIE();
+    setup.InverseResolution = 1;
+
+    // Every part becomes a model; what a part does not say of itself comes from here.
+    PersistentProperties defaults;
+    defaults.SetValue(L"PartID", std::int32_t{1});
+    defaults.SetValue(L"IsSupport", false);
+    defaults.SetValue(L"IsVolumeSupport", false);
+    defaults.SetValue(L"SLMBuildStyles", StylesOf(settings["BuildStyles"]));
+    slm->SetSourceDefaults(defaults);
+    std::size_t withOwn = 0;
+    for (const ISource2DSlices* source : setup.Sources)
+    {
+        IndexedProperties<PersistentProperties> own;
+        if (source && source->GetProperties() && source->GetProperties()->GetValue(L"SLMBuildStyles", own))
+            ++withOwn;
+    }
+
+    slm->SetFileType(static_cast<unsigned short>(setup.Code));
+    slm->SetUsedMaterialName(WideText(settings, "MaterialName"));
+    slm->SetUsedMaterialComment(WideText(settings, "MaterialComment"));
+    slm->SetUsedBuildStrategyName(WideText(settings, "BuildStrategyName"));
+    slm->SetUsedBuildStrategyComment(WideText(settings, "BuildStrategyComment"));
+    if (!settings["BuildStrategyProtection"].is_boolean())
+        Wrong("BuildStrategyProtection", "true or false");
+    slm->SetUsedBuildStrategyProtection(settings["BuildStrategyProtection"].get<bool>());
+    slm->SetProductInformation(WideText(settings, "ProductName"), WideText(settings, "ProductVersion"));
+    std::wstring guid = WideText(settings, "FileGuid");
+    slm->SetFileGuid(guid.empty() ? RandomGuid() : guid);
+    if (!settings["ContoursAsPolygons"].is_boolean())
+        Wrong("ContoursAsPolygons", "true or false");
+    const bool contours = settings["ContoursAsPolygons"].get<bool>();
+    slm->SetContoursAsPolygons(contours);
+    const json& order = settings["WriteOrder"];
+    if (!order.is_string() || (order != "PerSlice" && order != "ByBuildOrder"))
+        Wrong("WriteOrder", "\"PerSlice\" or \"ByBuildOrder\"");
+    slm->SetWriteOrder(order == "PerSlice" ? M2DSliceIO_slm::WriteOrderPerSlice : M2DSliceIO_slm::WriteOrderByBuildOrder);
+
+    WideText(settings, "MaterialDatabaseXml");
+    WideText(settings, "ConfigXml");
+    const std::string database = settings["MaterialDatabaseXml"].get<std::string>();
+    const std::string config = settings["ConfigXml"].get<std::string>();
+    if (!database.empty() && !config.empty())
+    {
+        slm->SetParameterXml(ReadText(database, "MaterialDatabaseXml"));
+        ReadText(config, "ConfigXml"); // said here, before the writer's parser says it
+        slm->SetConfigXml(config);
+        setup.Notes.push_back("generating parameters from the material database");
+    }
+
+    setup.Notes.push_back(fmt::format("{} model(s), build styles from {}", setup.Sources.size(),
+                                      withOwn == setup.Sources.size() ? "the input"
+                                      : withOwn == 0                 ? "the settings"
+                                                                     : "the input and the settings"));
+    setup.Notes.push_back(contours ? "contours as polygon blocks" : "contours not written");
+    setup.Notes.push_back("point blocks not written");
+    setup.Notes.push_back("millimetres as floats");
+}
+
+void Describe(const std::string& path, short /*code*/, FileReport& report)
+{
+    M2DSliceIO_slm reader(false);
+    if (!reader.OpenFile(WidePath(path), I2DSliceIO::Read))
+        return;
+    if (!reader.ReadHeader(nullptr))
+    {
+        report.Warnings.push_back("header: " + reader.GetFailureReason());
+        reader.CloseFile();
+        return;
+    }
+    const auto& info = reader.GetHeaderInfo();
+    for (const char* key : {"File ID String", "File Version", "Layer Z Unit"})
+    {
+        const auto found = info.find(key);
+        if (found != info.end())
+            report.Rows.emplace_back(key, found->second);
+    }
+    if (info.count("Layer Z Unit") && info.at("Layer Z Unit") != std::to_string(MUnit::GetIE()))
+        report.Warnings.push_back(fmt::format("z unit {} differs from this library's {}: heights read as if it were {}",
+                                              info.at("Layer Z Unit"), MUnit::GetIE(), MUnit::GetIE()));
+    if (!reader.GetFileGuid().empty())
+        report.Rows.emplace_back("GUID", StringConversion::NativeToUtf8(reader.GetFileGuid()));
+    for (const auto& [id, model] : reader.GetModelTable())
+    {
+        std::string styles;
+        for (const auto& [styleId, style] : model->BuildStyles)
+        {
+            std::wstring name = style->BuildStyleName;
+            name = name.substr(0, name.find(L'\0'));
+            styles += fmt::format("{}{} {} ({} mm/s, {} W)", styles.empty() ? "" : "; ", styleId,
+                                  StringConversion::NativeToUtf8(name), style->LaserSpeed, style->LaserPower);
+        }
+        report.Rows.emplace_back(fmt::format("model {}", id),
+                                 fmt::format("\"{}\", top slice {}, styles: {}", model->ModelName, model->ModelTopSlice,
+                                             styles.empty() ? "none" : styles));
+    }
+    reader.CloseFile();
+}
+
+const FormatHooks kHooks = [] {
+    FormatHooks hooks;
+    hooks.Family = "sectioned";
+    hooks.PrepareWriter = Prepare;
+    hooks.DefaultSettings = Defaults;
+    hooks.DescribeFile = Describe;
+    return hooks;
+}();
+
+const bool registered = RegisterFormatHooks(kHooks);
+
+} // namespace
+
+} // namespace sliceio
