@@ -73,9 +73,10 @@ private:
     bool _ReadHatches(ILayerInput& input, bool isLong, std::int32_t id, bool readVectors, std::int64_t fileSize);
     bool _ReadField(bool isLong, std::uint32_t& value);
     bool _FitsInFile(std::uint64_t bytes, std::int64_t fileSize) const;
+    std::uint64_t _BytesLeft(std::int64_t fileSize) const;
     bool _ReadRawValues(std::size_t count, bool isLong, std::int64_t fileSize, const unsigned char*& raw,
                         std::size_t& got);
-    bool _ReadCoordinates(std::size_t count, bool isLong, std::size_t stride, std::int64_t fileSize);
+    bool _ReadCoordinates(std::size_t& count, bool isLong, std::size_t stride, std::int64_t fileSize);
     // Formats a short line through a 20-byte buffer, so that a longer one is cut, and writes it.
     bool _WriteShortLine(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
