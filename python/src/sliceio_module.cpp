@@ -6,8 +6,11 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -118,9 +121,134 @@ struct Layer
     py::list PointBlocks;
 };
 
-Array NewArray(std::size_t rows, std::size_t columns)
+// Memory for the arrays of a read, handed out in large chunks. Fresh memory costs a page fault
+// per page on first touch, which for arrays of millions of coordinates costs more than filling
+// them; a large chunk asks for huge pages instead. Each array keeps its chunk alive, and the
+// chunk goes with the last of its arrays.
+class Arena
 {
-    return Array({static_cast<py::ssize_t>(rows), static_cast<py::ssize_t>(columns)});
+public:
+    static constexpr std::size_t kReadChunk = std::size_t{64} << 20;
+
+    // chunk: the size of each chunk in bytes; requests larger than that get a chunk of their own.
+    explicit Arena(std::size_t chunk) : _chunkSize(chunk) {}
+
+    Array NewArray(std::size_t rows, std::size_t columns)
+    {
+        const std::size_t bytes = (rows * columns * sizeof(double) + 63) & ~std::size_t{63};
+        if (!_chunk || _used + bytes > _chunk->Size)
+        {
+            // Only chunks of the standard size go back to the cache.
+            _chunk = std::make_shared<Chunk>(std::max(bytes, _chunkSize), bytes <= _chunkSize && _chunkSize == kReadChunk);
+            _used = 0;
+        }
+        double* data = reinterpret_cast<double*>(static_cast<char*>(_chunk->Data) + _used);
+        _used += bytes;
+        auto* owner = new std::shared_ptr<Chunk>(_chunk);
+        py::capsule base(owner, [](void* p) { delete static_cast<std::shared_ptr<Chunk>*>(p); });
+        return Array({static_cast<py::ssize_t>(rows), static_cast<py::ssize_t>(columns)}, data, base);
+    }
+
+private:
+    // Mapped chunks of the standard size that no array uses any more, kept for the next read
+    // (as an allocator keeps freed memory) with their pages marked free: the kernel takes them
+    // back when it needs them, and until then a new read finds them without fresh pages to
+    // clear. Touched with the interpreter lock held, like every array.
+    struct Cache
+    {
+        std::vector<void*> Free;
+        std::size_t Limit = 32; // chunks: 2 GiB of address space at most
+    };
+    static Cache& _Cache()
+    {
+        static Cache* cache = new Cache(); // never destroyed: arrays may outlive the module's statics
+        return *cache;
+    }
+
+    struct Chunk
+    {
+        static constexpr std::size_t kHuge = std::size_t{2} << 20;
+
+        Chunk(std::size_t size, bool reusable) : Size(std::max<std::size_t>(size, 64)), _reusable(reusable)
+        {
+            if (Size >= kHuge)
+            {
+                Size = (Size + kHuge - 1) & ~(kHuge - 1);
+                Cache& cache = _Cache();
+                if (_reusable && !cache.Free.empty())
+                {
+                    Data = cache.Free.back();
+                    cache.Free.pop_back();
+                    _mapped = true;
+                    return;
+                }
+                void* p = mmap(nullptr, Size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+                if (p != MAP_FAILED)
+                {
+                    madvise(p, Size, MADV_HUGEPAGE);
+                    Data = p;
+                    _mapped = true;
+                    return;
+                }
+            }
+            _reusable = false;
+            Data = std::malloc(Size);
+            if (!Data)
+                throw std::bad_alloc();
+        }
+        ~Chunk()
+        {
+            if (!_mapped)
+                std::free(Data);
+            else if (_reusable && _Cache().Free.size() < _Cache().Limit && madvise(Data, Size, MADV_FREE) == 0)
+                _Cache().Free.push_back(Data);
+            else
+                munmap(Data, Size);
+        }
+        Chunk(const Chunk&) = delete;
+        Chunk& operator=(const Chunk&) = delete;
+
+        std::size_t Size;
+        void* Data = nullptr;
+
+    private:
+        bool _mapped = false;
+        bool _reusable;
+    };
+
+    std::size_t _chunkSize;
+    std::shared_ptr<Chunk> _chunk;
+    std::size_t _used = 0;
+};
+
+// Bytes of the arrays of one slice.
+std::size_t ArrayBytes(const M2DSlice& slice)
+{
+    std::size_t values = 0;
+    const M2DSliceContourLayer* border = slice.GetSliceBorder();
+    for (std::size_t i = 0; i < border->GetNumContours(); ++i)
+        values += 2 * std::size_t{border->GetContour(i)->GetNumPoints()} + 8;
+    const M2DSliceVectorLayer* vectors = slice.GetVectors();
+    for (std::size_t i = 0; i < vectors->GetNumVectorBlocks(); ++i)
+        values += 4 * vectors->GetVectorBlock(i)->Vectors.size() + 8;
+    const M2DSlicePointLayer* points = slice.GetPoints();
+    for (std::size_t i = 0; i < points->GetNumPointBlocks(); ++i)
+        values += 2 * points->GetPointBlock(i)->Points.size() + 8;
+    return values * sizeof(double);
+}
+
+// Internal units to millimetres, x1 y1 x2 y2 per vector; built for wider vector units too,
+// chosen when the processor has them.
+__attribute__((target_clones("avx2", "default"))) void ConvertVectors(const M2DSliceVector* v, std::size_t n,
+                                                                     double* out, double perMm)
+{
+    for (std::size_t k = 0; k < n; ++k)
+    {
+        out[4 * k] = v[k].x1 / perMm;
+        out[4 * k + 1] = v[k].y1 / perMm;
+        out[4 * k + 2] = v[k].x2 / perMm;
+        out[4 * k + 3] = v[k].y2 / perMm;
+    }
 }
 
 // Checks an array handed in from Python: two dimensions, the given number of columns.
@@ -132,7 +260,7 @@ Array Checked(const py::handle& object, std::size_t columns, const char* what)
     return array;
 }
 
-Layer ToLayer(const M2DSlice& slice)
+Layer ToLayer(const M2DSlice& slice, Arena& arena)
 {
     Layer layer;
     layer.HeightMm = slice.GetZ() / kPerMm;
@@ -144,7 +272,7 @@ Layer ToLayer(const M2DSlice& slice)
         ReadLabel(source->GetTypeInfo(), contour);
         contour.Closed = source->GetIsClosed();
         contour.Outer = source->GetIsOuterContour();
-        contour.Points = NewArray(source->GetNumPoints(), 2);
+        contour.Points = arena.NewArray(source->GetNumPoints(), 2);
         double* out = contour.Points.mutable_data();
         const M2DSliceContourPoint* p = source->GetFirstPoint();
         for (std::uint32_t k = 0; k < source->GetNumPoints(); ++k, p = p->GetNextPoint())
@@ -161,16 +289,8 @@ Layer ToLayer(const M2DSlice& slice)
         VectorBlock block;
         ReadLabel(source->GetTypeInfo(), block);
         const std::size_t n = source->Vectors.size();
-        block.Vectors = NewArray(n, 4);
-        double* out = block.Vectors.mutable_data();
-        const M2DSliceVector* v = source->Vectors.data();
-        for (std::size_t k = 0; k < n; ++k)
-        {
-            out[4 * k] = v[k].x1 / kPerMm;
-            out[4 * k + 1] = v[k].y1 / kPerMm;
-            out[4 * k + 2] = v[k].x2 / kPerMm;
-            out[4 * k + 3] = v[k].y2 / kPerMm;
-        }
+        block.Vectors = arena.NewArray(n, 4);
+        ConvertVectors(source->Vectors.data(), n, block.Vectors.mutable_data(), kPerMm);
         layer.VectorBlocks.append(py::cast(std::move(block)));
     }
     const M2DSlicePointLayer* points = slice.GetPoints();
@@ -180,7 +300,7 @@ Layer ToLayer(const M2DSlice& slice)
         PointBlock block;
         ReadLabel(source->GetTypeInfo(), block);
         const std::size_t n = source->Points.size();
-        block.Points = NewArray(n, 2);
+        block.Points = arena.NewArray(n, 2);
         double* out = block.Points.mutable_data();
         for (std::size_t k = 0; k < n; ++k)
         {
@@ -352,7 +472,8 @@ public:
         {
             throw Failure(_path + ": layer " + std::to_string(index) + ": the " + _name + " reader stopped: " + e.what());
         }
-        return ToLayer(slice);
+        Arena arena(ArrayBytes(slice));
+        return ToLayer(slice, arena);
     }
 
     std::vector<double> Heights() const
@@ -423,13 +544,16 @@ class LayerTarget : public ITarget2DSlices
 public:
     M2DSlice* AddSlice(M2DSlice& slice, bool /*take*/) override
     {
-        Layers.append(py::cast(ToLayer(slice)));
+        Layers.append(py::cast(ToLayer(slice, _arena)));
         return nullptr;
     }
     PersistentProperties* GetProperties() override { return &Properties; }
 
     py::list Layers;
     PersistentProperties Properties;
+
+private:
+    Arena _arena{Arena::kReadChunk};
 };
 
 struct ReadResult

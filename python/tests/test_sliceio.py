@@ -196,3 +196,19 @@ def test_plot_example_writes_a_png(cli_file, tmp_path):
     subprocess.run([sys.executable, os.path.join(ROOT, "examples", "plot_layer.py"), str(cli_file), "2", str(png)],
                    check=True, env=dict(os.environ, MPLBACKEND="Agg"))
     assert png.read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+
+
+def test_arrays_outlive_their_build_and_later_reads(cli_file, tmp_path):
+    # The arrays of a read share memory; one kept array keeps its share while the rest goes
+    # and while later reads take memory of their own.
+    kept = sliceio.read(cli_file)[2].vector_blocks[0].vectors
+    expected = kept.copy()
+    other = tmp_path / "other.cli"
+    sliceio.write([sliceio.Layer(0.1 * (i + 1), vector_blocks=[sliceio.VectorBlock(np.full((1000, 4), 7.0))])
+                   for i in range(20)], other)
+    for _ in range(3):
+        again = sliceio.read(other)
+        assert all((layer.vector_blocks[0].vectors == 7.0).all() for layer in again)
+        del again
+    np.testing.assert_array_equal(kept, expected)
+    kept[0, 0] = -1.0  # writable, like any array
