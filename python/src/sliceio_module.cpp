@@ -632,11 +632,21 @@ void Write(const ISource2DSlices& source, const std::string& path, const WriteOp
 void WriteLayers(const py::iterable& layers, const std::string& path, const WriteOptions& options)
 {
     M2DSliceStack stack;
+    std::size_t index = 0;
     for (const py::handle item : layers)
     {
         M2DSlice slice;
-        FillSlice(item.cast<const Layer&>(), slice);
+        try
+        {
+            FillSlice(item.cast<const Layer&>(), slice);
+        }
+        catch (const py::cast_error&)
+        {
+            throw Failure(path + ": item " + std::to_string(index) +
+                          " is not a sliceio.Layer of sliceio.Contour, VectorBlock and PointBlock objects");
+        }
         stack.AddSlice(slice, true);
+        ++index;
     }
     Write(stack, path, options);
 }

@@ -175,6 +175,10 @@ def test_failures_raise_sliceio_error_with_one_line(cli_file, tmp_path):
         sliceio.write(sample_layers(), tmp_path / "x.cli", type=2)
     with pytest.raises(sliceio.Error, match="output format"):
         sliceio.write(sample_layers(), tmp_path / "x.unknown")
+    with pytest.raises(sliceio.Error, match="item 1 is not a sliceio.Layer"):
+        sliceio.write([sliceio.Layer(0.1), "layer"], tmp_path / "x.cli")
+    with pytest.raises(sliceio.Error, match="item 0 is not"):
+        sliceio.write([sliceio.Layer(0.1, contours=[np.zeros((3, 2))])], tmp_path / "x.cli")
     with pytest.raises(sliceio.Error, match="N x 4"):
         sliceio.VectorBlock(np.zeros((3, 3)))
     with pytest.raises(sliceio.Error, match="out of the range"):
