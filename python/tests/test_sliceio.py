@@ -186,7 +186,8 @@ def test_failures_raise_sliceio_error_with_one_line(cli_file, tmp_path):
         sliceio.VectorBlock(np.zeros((3, 3)))
     with pytest.raises(sliceio.Error, match="out of the range"):
         sliceio.write([sliceio.Layer(1e9)], tmp_path / "far.cli")
-    with pytest.raises(sliceio.Error, match="only be written"):
+    # A code with no format in this build, or a written-only one, is refused by name.
+    with pytest.raises(sliceio.Error, match="not a file-type code|only be written"):
         sliceio.open(cli_file, type=50)
     assert issubclass(sliceio.Error, RuntimeError)
 
