@@ -1,4 +1,5 @@
 #pragma once
+#include "../../framework/Export.h"
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -8,7 +9,7 @@
 
 // Common Layer Interface: writes binary files in the long or short coordinate form, with
 // append mode; reads binary and ASCII files.
-class M2DSliceIO_cli : public I2DSliceIO, public I2DSliceIOFileSizeEstimate
+class SLICEIO_API M2DSliceIO_cli : public I2DSliceIO, public I2DSliceIOFileSizeEstimate
 {
 public:
     enum CoordinatesType : std::int32_t
