@@ -217,11 +217,14 @@ bool M2DSliceIO_cli::_ReadRawValues(std::size_t count, bool isLong, std::int64_t
 {
     const std::size_t width = isLong ? 4 : 2;
     std::size_t bytes = count * width;
-    if (!_FitsInFile(bytes, fileSize))
+    const bool cut = !_FitsInFile(bytes, fileSize);
+    if (cut)
         bytes = static_cast<std::size_t>(_BytesLeft(fileSize) / width * width);
     if (_buffer.size() < bytes)
         _buffer.resize(bytes);
     got = _file.ReadBytes(_buffer.data(), bytes) / width;
+    if (cut)
+        _file.SEEK(fileSize, 0); // the record takes the rest of the file, a part-value included
     raw = reinterpret_cast<const unsigned char*>(_buffer.data());
     return true;
 }
@@ -254,7 +257,7 @@ bool M2DSliceIO_cli::_ReadPolyline(ILayerInput& input, bool isLong, std::int64_t
         return true; // the file ends inside the record's head
     if (dir > 2)
         return _FailAt("a polyline record has direction " + std::to_string(dir) + " (0, 1 or 2 expected)",
-                       _file.TELL());
+                       _file.TELL() - (isLong ? 8 : 4));
     std::size_t count = std::size_t{n} * 2;
     if (!_ReadCoordinates(count, isLong, 2, fileSize))
         return false;
