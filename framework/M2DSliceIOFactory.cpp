@@ -16,6 +16,7 @@
 // wza
 
 // jm
+#include "../formats/cli/M2DSliceIO_cli_ascii.h"
 
 namespace {
 
@@ -60,6 +61,8 @@ I2DSliceIO* CreateSliceIO(short code)
     // WZA (54)
 
     // JM (55), ASCII CLI (56)
+    case 56:
+        return new M2DSliceIO_cli_ascii();
 
     default:
         return nullptr;

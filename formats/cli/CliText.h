@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "../../framework/I2DSliceIO.h"
+
 namespace CliText {
 
 inline int Stoi(const std::string& text)
@@ -57,5 +59,10 @@ inline void Split(const std::string& text, char separator, std::vector<std::stri
         pieces.emplace_back(text, start, end - start);
     pieces.emplace_back(text, start);
 }
+
+// One layer of an ASCII file (the text behind its "$$LAYER/", height first) to input: lines
+// longer than 10 characters that begin "$$POLYLINE/" and longer than 9 that begin "$$HATCHES/"
+// are read, every other line is skipped; coordinates are Round(value * c).
+void ReadLayerText(const std::string& text, double c, I2DSliceIO::ILayerInput& input);
 
 } // namespace CliText

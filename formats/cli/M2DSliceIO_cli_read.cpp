@@ -27,14 +27,6 @@ M2DSliceVectorTypeInfo HatchLabel(std::int32_t id)
     return label;
 }
 
-bool StartsWith(const std::string& text, const char* prefix)
-{
-    return text.compare(0, std::strlen(prefix), prefix) == 0;
-}
-
-// The number behind the "/" of a piece such as "$$POLYLINE/3".
-int IdOf(const std::string& piece) { return CliText::Stoi(piece.substr(piece.find('/') + 1)); }
-
 } // namespace
 
 bool M2DSliceIO_cli::_ReadHeader(ITarget2DSlices* /*target*/)
@@ -394,47 +386,7 @@ bool M2DSliceIO_cli::_FetchAsciiLayer(ILayerInput& input)
 {
     if (_layerTextIndex >= _layerTexts.size())
         return false;
-    const double c = _GetConversionFactor();
-    std::vector<std::string> lines, pieces;
-    CliText::Split(_layerTexts[_layerTextIndex], '\n', lines);
-    input.SetZ(Round(CliText::Stod(lines[0]) * c));
-    for (std::size_t l = 1; l < lines.size(); ++l)
-    {
-        const std::string& line = lines[l];
-        if (line.size() > 10 && StartsWith(line, "$$POLYLINE/"))
-        {
-            CliText::Split(line, ',', pieces);
-            const int id = IdOf(CliText::Piece(pieces, 0));
-            const int dir = CliText::Stoi(CliText::Piece(pieces, 1));
-            const int n = CliText::Stoi(CliText::Piece(pieces, 2));
-            input.StartContour(e2DSliceVectorType_Border);
-            input.SetContourClosed(dir != 2);
-            input.SetContourOuter(dir == 1);
-            for (int i = 0; i < n; ++i)
-            {
-                const double x = CliText::Stod(CliText::Piece(pieces, 3 + 2 * std::size_t(i)));
-                const double y = CliText::Stod(CliText::Piece(pieces, 4 + 2 * std::size_t(i)));
-                input.AddContourPoint(Round(x * c), Round(y * c));
-            }
-            input.EndContour(true);
-            if (M2DSliceVectorTypeInfo* label = input.GetContourTypeInfo())
-                label->SetIndex(e2DSliceVectorTypeIndex_Part, id);
-        }
-        else if (line.size() > 9 && StartsWith(line, "$$HATCHES/"))
-        {
-            CliText::Split(line, ',', pieces);
-            const int id = IdOf(CliText::Piece(pieces, 0));
-            const int n = CliText::Stoi(CliText::Piece(pieces, 1));
-            input.StartVectorBlock(HatchLabel(id), 0);
-            for (int i = 0; i < n; ++i)
-            {
-                int v[4];
-                for (std::size_t k = 0; k < 4; ++k)
-                    v[k] = Round(CliText::Stod(CliText::Piece(pieces, 2 + 4 * std::size_t(i) + k)) * c);
-                input.AddVector(M2DSliceVector(v[0], v[1], v[2], v[3]));
-            }
-        }
-    }
+    CliText::ReadLayerText(_layerTexts[_layerTextIndex], _GetConversionFactor(), input);
     ++_layerTextIndex;
     return true;
 }
