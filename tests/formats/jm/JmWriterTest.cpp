@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <typeinfo>
 
 #include "FormatTestKit.h"
 #include "contracts/ByteOrder.h"
@@ -333,6 +334,12 @@ TEST(M2DSliceIO_jm, ReadingStopsAtTheFirstBlock)
     EXPECT_EQ(read.GetVectors()->GetVectorBlock(0)->Vectors[0], M2DSliceVector(10, 20, 30, 40));
     EXPECT_FALSE(io.ReadLayer(read, nullptr, true)) << "the fragment is one layer";
     io.CloseFile();
+    // Damaged files end in false, true or the documented exception, never worse.
+    kit::SweepOptions options;
+    options.MaxCases = 300;
+    options.Documented = [](const std::exception& e) { return typeid(e) == typeid(std::logic_error); };
+    kit::SweepTruncations(55, ReadFile(path), options);
+    kit::SweepCorruptions(55, ReadFile(path), options);
     WriteFile(path, std::string(32763, '\0'));
     ASSERT_TRUE(io.OpenFile(Wide(path), I2DSliceIO::Read) && io.ReadHeader(nullptr));
     EXPECT_FALSE(io.ReadLayer(read, nullptr, true));
