@@ -14,6 +14,7 @@
 #include "../../contracts/MUnit.h"
 #include "../../framework/FormatDescriptor.h"
 #include "../../framework/M2DSliceContainerIO.h"
+#include "FormatHooks.h"
 #include "Tool.h"
 
 namespace fs = std::filesystem;
@@ -197,23 +198,44 @@ int RunConvert(const std::vector<std::string>& words)
     if (stack.GetNumSlices() == 0)
         throw Failure(in + ": has no layers; nothing was written");
 
-    const std::int32_t resolution = resolutionOption > 0 ? static_cast<std::int32_t>(resolutionOption)
-                                                         : DefaultResolution(reader.GetSliceIO(), unitConversion);
-    if (const FormatDescriptor* family = FormatRegistry::ForCode(outCode))
-        if (family->CheckWriteRange)
-        {
-            const std::string problem = family->CheckWriteRange(outCode, stack, unitConversion, resolution);
-            if (!problem.empty())
-                throw Failure(out + ": " + problem);
-        }
-
     M2DSliceContainerIO writer(static_cast<unsigned short>(outCode));
+    WriterSetup setup;
+    setup.Code = outCode;
+    setup.Writer = writer.GetSliceIO().get();
+    setup.Sources = {&stack};
+    setup.LayerThickness = stack.GetSliceThickness();
+    setup.UnitConversion = unitConversion;
+    setup.InverseResolution = resolutionOption > 0 ? static_cast<std::int32_t>(resolutionOption)
+                                                   : DefaultResolution(reader.GetSliceIO(), unitConversion);
+    setup.ScaleGiven = resolutionOption > 0 || args.Value("--units").has_value();
+    const FormatDescriptor* family = FormatRegistry::ForCode(outCode);
+    if (family)
+        if (const FormatHooks* hooks = FindFormatHooks(family->Family))
+            if (hooks->PrepareWriter)
+            {
+                try
+                {
+                    hooks->PrepareWriter(setup);
+                }
+                catch (const Failure& e)
+                {
+                    throw Failure(out + ": " + e.what());
+                }
+            }
+    const std::int32_t resolution = setup.InverseResolution;
+    if (family && family->CheckWriteRange)
+    {
+        const std::string problem = family->CheckWriteRange(outCode, stack, setup.UnitConversion, resolution);
+        if (!problem.empty())
+            throw Failure(out + ": " + problem);
+    }
+
     const ProgressSource source(stack, progress, "writing " + out);
     bool written = false;
     caught.clear();
     try
     {
-        written = writer.WriteContainer(source, WidePath(out), unitConversion, resolution, nullptr);
+        written = writer.WriteContainer(source, WidePath(out), setup.UnitConversion, resolution, nullptr);
     }
     catch (const std::exception& e)
     {
@@ -227,9 +249,16 @@ int RunConvert(const std::vector<std::string>& words)
         throw Failure(fmt::format("{}: writing {} failed{}; {}", out, FindFormat(outCode)->Name, caught,
                                   removed ? "the partial output was removed" : "no output was left behind"));
     }
-    std::printf("%s -> %s: %llu layers as %s (code %d), %d steps per %s\n", in.c_str(), out.c_str(),
+    std::string notes;
+    for (const std::string& note : setup.Notes)
+        notes += "; " + note;
+    const std::string unitName = setup.UnitConversion == MUnit::GetIE() ? "mm"
+                                 : setup.UnitConversion == static_cast<std::int32_t>(std::lround(MUnit::GetIE() * 25.4))
+                                     ? "inch"
+                                     : fmt::format("{} internal units", setup.UnitConversion);
+    std::printf("%s -> %s: %llu layers as %s (code %d), %d steps per %s%s\n", in.c_str(), out.c_str(),
                 static_cast<unsigned long long>(stack.GetNumSlices()), FindFormat(outCode)->Name, outCode, resolution,
-                units.c_str());
+                unitName.c_str(), notes.c_str());
     return 0;
 }
 

@@ -45,6 +45,9 @@ struct FileReport
     std::vector<std::pair<std::string, std::string>> Rows;
     std::vector<std::string> Warnings;
     std::vector<std::string> Problems; // each one line naming layer or offset where known
+    // What the file declares, where the format records it: its layer count (-1: not
+    // declared), for the tool to compare with the layers it reads.
+    std::int64_t DeclaredLayers = -1;
 };
 
 struct FormatHooks
@@ -63,5 +66,7 @@ bool RegisterFormatHooks(const FormatHooks& hooks);
 // The hooks of a family, or null.
 const FormatHooks* FindFormatHooks(const std::string& family);
 const std::vector<const FormatHooks*>& AllFormatHooks();
+// The report of the family's DescribeFile for the file, empty when it has none.
+FileReport DescribeWithHooks(const std::string& path, short code);
 
 } // namespace sliceio

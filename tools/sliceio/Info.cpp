@@ -8,6 +8,7 @@
 #include "../../contracts/MUnit.h"
 #include "../../framework/M2DSliceContainerIterator.h"
 #include "../../framework/M2DSliceIOFactory.h"
+#include "FormatHooks.h"
 #include "Tool.h"
 
 namespace sliceio {
@@ -130,7 +131,7 @@ std::string JsonExtents(const Extents& e)
 }
 
 std::string Json(const std::string& path, const InputFormat& format, const M2DSliceContainerIterator& it,
-                 bool layerTable)
+                 bool layerTable, const FileReport& report)
 {
     const auto& table = it.GetLayerTable();
     const M2DSliceContainerScanInfo& totals = it.GetTotals();
@@ -150,6 +151,12 @@ std::string Json(const std::string& path, const InputFormat& format, const M2DSl
     out += fmt::format("  \"vector_blocks\": {},\n", totals.NumVectorBlocks);
     out += fmt::format("  \"contour_length_mm\": {},\n", JsonNumber(Millimetres(totals.ContourLength)));
     out += fmt::format("  \"surface_area_mm2\": {}", JsonNumber(SquareMillimetres(totals.SurfaceArea)));
+    for (const auto& row : report.Rows)
+        out += fmt::format(",\n  {}: {}", JsonString(row.first), JsonString(row.second));
+    out += ",\n  \"warnings\": [";
+    for (std::size_t i = 0; i < report.Warnings.size(); ++i)
+        out += (i ? ", " : "") + JsonString(report.Warnings[i]);
+    out += "]";
     if (layerTable)
     {
         out += ",\n  \"layer_table\": [";
@@ -169,7 +176,7 @@ std::string Json(const std::string& path, const InputFormat& format, const M2DSl
 }
 
 std::string Text(const std::string& path, const InputFormat& format, const M2DSliceContainerIterator& it,
-                 bool layerTable)
+                 bool layerTable, const FileReport& report)
 {
     const auto& table = it.GetLayerTable();
     const M2DSliceContainerScanInfo& totals = it.GetTotals();
@@ -191,6 +198,10 @@ std::string Text(const std::string& path, const InputFormat& format, const M2DSl
     line("vector blocks:", std::to_string(totals.NumVectorBlocks));
     line("contour length:", Cell(Millimetres(totals.ContourLength)) + " mm");
     line("surface area:", Cell(SquareMillimetres(totals.SurfaceArea)) + " mm^2");
+    for (const auto& row : report.Rows)
+        line((row.first + ":").c_str(), row.second);
+    for (const std::string& warning : report.Warnings)
+        out += "warning: " + warning + "\n";
     if (layerTable)
     {
         out += fmt::format("\n{:>7} {:>12} {:>9} {:>9} {:>14} {:>14} {:>11} {:>11} {:>11} {:>11}\n", "layer", "z_mm",
@@ -233,8 +244,12 @@ int RunInfo(const std::vector<std::string>& words)
     if (!it->IsValid())
         throw Failure(DescribeReadFailure(format, path, it->GetSliceIO().get(), ""));
 
-    const std::string out = args.Flag("--json") ? Json(path, format, *it, args.Flag("--layers"))
-                                                : Text(path, format, *it, args.Flag("--layers"));
+    FileReport report = DescribeWithHooks(path, format.Code);
+    if (report.DeclaredLayers >= 0 && static_cast<std::uint64_t>(report.DeclaredLayers) != it->GetLayerTable().size())
+        report.Warnings.push_back(fmt::format("the file declares {} layers but {} were read; 'sliceio check' tells more",
+                                              report.DeclaredLayers, it->GetLayerTable().size()));
+    const std::string out = args.Flag("--json") ? Json(path, format, *it, args.Flag("--layers"), report)
+                                                : Text(path, format, *it, args.Flag("--layers"), report);
     std::fwrite(out.data(), 1, out.size(), stdout);
     return 0;
 }

@@ -93,6 +93,7 @@ std::string Fixed(double value, int decimals);
 int RunFormats(const std::vector<std::string>& words);
 int RunInfo(const std::vector<std::string>& words);
 int RunConvert(const std::vector<std::string>& words);
+int RunCheck(const std::vector<std::string>& words);
 int RunSvg(const std::vector<std::string>& words);
 int RunSample(const std::vector<std::string>& words);
 

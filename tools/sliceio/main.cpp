@@ -23,6 +23,9 @@ Commands:
       (.cli writes binary CLI with long coordinates). --units is the unit of the
       output file (mm by default); --resolution the number of file steps per unit,
       by default the step size of the input, or 1/1000 mm when the input has none.
+  check FILE [--type CODE]
+      Read every layer of FILE in full and compare what the file declares with what
+      it holds; print one line per problem and exit with status 1 when there is any.
   svg FILE OUT.svg --layer N [--type CODE]
       Draw layer N (numbered from 0) as an SVG picture about 800 pixels wide. The
       picture shows the layer from above with y pointing up: contour outlines in blue,
@@ -63,6 +66,8 @@ int Dispatch(int argc, char** argv)
         return sliceio::RunInfo(words);
     if (command == "convert")
         return sliceio::RunConvert(words);
+    if (command == "check")
+        return sliceio::RunCheck(words);
     if (command == "svg")
         return sliceio::RunSvg(words);
     if (command == "sample")
