@@ -10,10 +10,11 @@
 
 #include "../../contracts/M2DSliceBuildParameters.h"
 #include "../../contracts/PersistentProperties.h"
+#include "../../framework/Export.h"
 #include "../../framework/I2DSliceIO.h"
 #include "SectionCodec.h"
 
-class M2DSliceIO_slm : public I2DSliceIO
+class SLICEIO_API M2DSliceIO_slm : public I2DSliceIO
 {
 public:
     enum EWriteOrder : std::int32_t
@@ -130,6 +131,11 @@ public:
     // sources say nothing of build styles can still be written. Empty by default: then a
     // source must carry every key.
     void SetSourceDefaults(const PersistentProperties& defaults) { _sourceDefaults = defaults; }
+    // Source defaults of a part (model 1, not a support) with these build styles; the
+    // factors and names are taken as a part's.
+    void SetDefaultBuildStyles(const std::vector<BuildStyle>& styles);
+    // True when the properties carry a build style list of their own.
+    static bool NamesBuildStyles(const PersistentProperties* properties);
     // Writes each contour as a polygon block (closed ones with their closing segment) ahead
     // of the slice's vector blocks, labelled as the contour is. Off by default: then contours
     // are not written at all.

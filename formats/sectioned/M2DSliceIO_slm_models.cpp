@@ -172,6 +172,38 @@ bool ReadStyles(const PersistentProperties& source, const PersistentProperties& 
 
 } // namespace
 
+void M2DSliceIO_slm::SetDefaultBuildStyles(const std::vector<BuildStyle>& styles)
+{
+    PersistentProperties defaults;
+    defaults.SetValue(L"PartID", std::int32_t{1});
+    defaults.SetValue(L"IsSupport", false);
+    defaults.SetValue(L"IsVolumeSupport", false);
+    IndexedProperties<PersistentProperties> list;
+    for (const BuildStyle& style : styles)
+    {
+        PersistentProperties& item = list.Add();
+        item.SetValue(L"SLMBuildStyleID", static_cast<std::int32_t>(style.BuildStyleId));
+        item.SetValue(L"PointDistance", static_cast<std::int32_t>(style.PointDistance));
+        item.SetValue(L"ExposureTime", static_cast<std::int32_t>(style.ExposureTime));
+        item.SetValue(L"LaserFocus", static_cast<double>(style.LaserFocus));
+        item.SetValue(L"LaserPower", static_cast<double>(style.LaserPower));
+        item.SetValue(L"LaserSpeed", static_cast<double>(style.LaserSpeed));
+        item.SetValue(L"LaserPowerFactor", static_cast<double>(style.LaserPowerFactor));
+        item.SetValue(L"LaserSpeedFactor", static_cast<double>(style.LaserSpeedFactor));
+        item.SetValue(L"LaserIndex", style.LaserIndex);
+        item.SetValue(L"SLMBuildStyleName", style.BuildStyleName);
+        item.SetValue(L"VectorType", style.BuildStyleName);
+    }
+    defaults.SetValue(kStylesKey, list);
+    _sourceDefaults = std::move(defaults);
+}
+
+bool M2DSliceIO_slm::NamesBuildStyles(const PersistentProperties* properties)
+{
+    IndexedProperties<PersistentProperties> list;
+    return properties && properties->GetValue(kStylesKey, list);
+}
+
 bool M2DSliceIO_slm::_GetBuildStylesForPart(const PersistentProperties& source,
                                             std::vector<std::unique_ptr<BuildStyle>>& list)
 {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "../../framework/ByteCursor.h"
+#include "../../framework/Export.h"
 
 class MFile;
 
@@ -102,7 +103,7 @@ inline int LFSize(std::uint64_t value) { return 1 + LFFollowingBytes(value); }
 
 // Encodes value into out, which has room for capacity bytes; returns the length, 0 when the
 // value is above kLFMax or its form does not fit (n not less than capacity).
-int EncodeLF(std::uint64_t value, unsigned char* out, int capacity, bool fixed);
+SLICEIO_API int EncodeLF(std::uint64_t value, unsigned char* out, int capacity, bool fixed);
 
 // Decodes an LF number from the cursor; false (cursor failed) when a byte is missing.
 inline bool DecodeLF(ByteCursor& in, std::int64_t& value)
@@ -122,7 +123,7 @@ inline bool DecodeLF(ByteCursor& in, std::int64_t& value)
 }
 
 // Reads an LF number at the file's position; false when the file ends inside it.
-bool ReadLF(MFile& file, std::int64_t& value);
+SLICEIO_API bool ReadLF(MFile& file, std::int64_t& value);
 
 struct SectionHeader
 {
@@ -138,19 +139,19 @@ inline bool ReadSection(ByteCursor& in, SectionHeader& head, ByteCursor& body)
     return ReadHead(in, head) && head.Size >= 0 && in.Sub(static_cast<std::size_t>(head.Size), body);
 }
 // Reads a section head at the file's position.
-bool ReadHead(MFile& file, SectionHeader& head);
+SLICEIO_API bool ReadHead(MFile& file, SectionHeader& head);
 
 // Field bodies read from a section's cursor.
 // An integer: one LF number (the section may hold more bytes; they are ignored).
 inline bool LoadInteger(ByteCursor body, std::int64_t& value) { return DecodeLF(body, value); }
-bool LoadFloat(ByteCursor body, float& value);
-bool LoadInt32(ByteCursor body, std::int32_t& value);
+SLICEIO_API bool LoadFloat(ByteCursor body, float& value);
+SLICEIO_API bool LoadInt32(ByteCursor body, std::int32_t& value);
 // UTF-16LE code units of the whole body, NUL units kept, as a wide string.
-std::wstring LoadWideRaw(ByteCursor body);
+SLICEIO_API std::wstring LoadWideRaw(ByteCursor body);
 // UTF-16LE text up to the first NUL unit (or the end of the body).
-std::wstring LoadWide(ByteCursor body);
+SLICEIO_API std::wstring LoadWide(ByteCursor body);
 // Bytes up to the first NUL (or the end of the body).
-std::string LoadNarrow(ByteCursor body);
+SLICEIO_API std::string LoadNarrow(ByteCursor body);
 
 // Size of a section with this id and body size, head included.
 inline std::int64_t SectionSize(std::int64_t id, std::int64_t body, bool fixed = false)
@@ -173,7 +174,7 @@ inline std::int64_t WideBodySize(const std::wstring& text)
 
 // A buffer that sections are written into, with the fixed-size placeholders of the family.
 // A value that cannot be encoded (above kLFMax) marks the buffer failed and writes nothing.
-class SectionBuffer
+class SLICEIO_API SectionBuffer
 {
 public:
     explicit SectionBuffer(std::vector<unsigned char>& bytes) : _bytes(bytes) {}

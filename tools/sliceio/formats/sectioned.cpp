@@ -10,7 +10,6 @@
 #include <fmt/format.h>
 
 #include "../../../contracts/MUnit.h"
-#include "../../../contracts/PersistentProperties.h"
 #include "../../../contracts/StringConversion.h"
 #include "../../../formats/sectioned/M2DSliceIO_slm.h"
 #include "../FormatHooks.h"
@@ -81,14 +80,14 @@ std::wstring RandomGuid()
                                                       a & 0xFFF, 0x8000 | ((b >> 48) & 0x3FFF), b & 0xFFFFFFFFFFFFull));
 }
 
-IndexedProperties<PersistentProperties> StylesOf(const json& list)
+std::vector<M2DSliceIO_slm::BuildStyle> StylesOf(const json& list)
 {
     const char* shape = "a list of styles, each {\"Id\": whole number, \"Name\": text, \"LaserSpeed\", \"LaserPower\", "
                         "\"LaserFocus\", \"LaserSpeedFactor\", \"LaserPowerFactor\": numbers, \"PointDistance\", "
                         "\"ExposureTime\", \"LaserIndex\": whole numbers}";
     if (!list.is_array())
         Wrong("BuildStyles", shape);
-    IndexedProperties<PersistentProperties> styles;
+    std::vector<M2DSliceIO_slm::BuildStyle> styles;
     for (const json& entry : list)
     {
         if (!entry.is_object())
@@ -100,7 +99,6 @@ IndexedProperties<PersistentProperties> StylesOf(const json& list)
                 throw Failure(fmt::format("settings: unknown key \"sectioned.BuildStyles[].{}\"", key));
             style[key] = value;
         }
-        PersistentProperties& item = styles.Add();
         for (const char* key : {"Id", "PointDistance", "ExposureTime", "LaserIndex"})
         {
             const json& v = style[key];
@@ -112,18 +110,18 @@ IndexedProperties<PersistentProperties> StylesOf(const json& list)
                 Wrong(std::string("BuildStyles[].") + key, "a number");
         if (!style["Name"].is_string())
             Wrong("BuildStyles[].Name", "a text");
-        item.SetValue(L"SLMBuildStyleID", style["Id"].get<std::int32_t>());
-        item.SetValue(L"PointDistance", style["PointDistance"].get<std::int32_t>());
-        item.SetValue(L"ExposureTime", style["ExposureTime"].get<std::int32_t>());
-        item.SetValue(L"LaserIndex", style["LaserIndex"].get<std::int32_t>());
-        item.SetValue(L"LaserSpeed", style["LaserSpeed"].get<double>());
-        item.SetValue(L"LaserPower", style["LaserPower"].get<double>());
-        item.SetValue(L"LaserFocus", style["LaserFocus"].get<double>());
-        item.SetValue(L"LaserSpeedFactor", style["LaserSpeedFactor"].get<double>());
-        item.SetValue(L"LaserPowerFactor", style["LaserPowerFactor"].get<double>());
-        const std::wstring name = StringConversion::Utf8ToNative(style["Name"].get<std::string>());
-        item.SetValue(L"SLMBuildStyleName", name);
-        item.SetValue(L"VectorType", name);
+        M2DSliceIO_slm::BuildStyle s;
+        s.BuildStyleId = style["Id"].get<std::int32_t>();
+        s.PointDistance = style["PointDistance"].get<std::int32_t>();
+        s.ExposureTime = style["ExposureTime"].get<std::int32_t>();
+        s.LaserIndex = style["LaserIndex"].get<std::int32_t>();
+        s.LaserSpeed = style["LaserSpeed"].get<float>();
+        s.LaserPower = style["LaserPower"].get<float>();
+        s.LaserFocus = style["LaserFocus"].get<float>();
+        s.LaserSpeedFactor = style["LaserSpeedFactor"].get<float>();
+        s.LaserPowerFactor = style["LaserPowerFactor"].get<float>();
+        s.BuildStyleName = StringConversion::Utf8ToNative(style["Name"].get<std::string>());
+        styles.push_back(s);
     }
     return styles;
 }
@@ -160,19 +158,10 @@ void Prepare(WriterSetup& setup)
     setup.InverseResolution = 1;
 
     // Every part becomes a model; what a part does not say of itself comes from here.
-    PersistentProperties defaults;
-    defaults.SetValue(L"PartID", std::int32_t{1});
-    defaults.SetValue(L"IsSupport", false);
-    defaults.SetValue(L"IsVolumeSupport", false);
-    defaults.SetValue(L"SLMBuildStyles", StylesOf(settings["BuildStyles"]));
-    slm->SetSourceDefaults(defaults);
+    slm->SetDefaultBuildStyles(StylesOf(settings["BuildStyles"]));
     std::size_t withOwn = 0;
     for (const ISource2DSlices* source : setup.Sources)
-    {
-        IndexedProperties<PersistentProperties> own;
-        if (source && source->GetProperties() && source->GetProperties()->GetValue(L"SLMBuildStyles", own))
-            ++withOwn;
-    }
+        withOwn += source && M2DSliceIO_slm::NamesBuildStyles(source->GetProperties()) ? 1 : 0;
 
     slm->SetFileType(static_cast<unsigned short>(setup.Code));
     slm->SetUsedMaterialName(WideText(settings, "MaterialName"));

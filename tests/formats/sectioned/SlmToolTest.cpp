@@ -1,0 +1,93 @@
+// The sliceio tool on SLM files: a CLI build converted to SLM without a settings file and
+// back, the millimetre scale enforced, and what `info` shows of the header.
+#include <sys/wait.h>
+
+#include <cstdlib>
+
+#include "SlmTestSupport.h"
+#include "framework/M2DSliceContainerIterator.h"
+
+namespace {
+
+struct ToolResult
+{
+    int Code = -1;
+    std::string Out, Err;
+};
+
+class SlmToolTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (std::string(SLICEIO_TOOL_PATH).empty())
+            GTEST_SKIP() << "the sliceio tool is not built";
+    }
+    ToolResult Tool(const std::vector<std::string>& args)
+    {
+        std::string command = "'" SLICEIO_TOOL_PATH "'";
+        for (const std::string& a : args)
+            command += " '" + a + "'";
+        const std::string out = _dir.File("out.txt"), err = _dir.File("err.txt");
+        const int status = std::system((command + " </dev/null >" + out + " 2>" + err).c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ts::ReadFile(out), ts::ReadFile(err)};
+    }
+    ts::ScratchDir _dir;
+};
+
+// Vectors of every layer, in order, as the library reads them.
+std::vector<std::vector<M2DSliceVector>> VectorsOf(const std::string& path, unsigned short code)
+{
+    M2DSliceContainerIterator it(ts::Wide(path), code, true, 0, true);
+    std::vector<std::vector<M2DSliceVector>> layers;
+    for (std::uint64_t i = 0; it.IsValid() && i < it.GetNumSlices(); ++i)
+    {
+        M2DSlice slice;
+        it.GetSlice(slice, i);
+        auto& v = layers.emplace_back();
+        for (const M2DSliceVectorBlock* b = slice.GetVectors()->GetFirstVectorBlock(); b; b = b->GetNextVectorBlock())
+            v.insert(v.end(), b->Vectors.begin(), b->Vectors.end());
+    }
+    return layers;
+}
+
+} // namespace
+
+TEST_F(SlmToolTest, CliConvertsToSlmAndBackWithoutSettings)
+{
+    const std::string cli = _dir.File("in.cli"), slm = _dir.File("out.slm"), back = _dir.File("back.cli");
+    ASSERT_EQ(Tool({"sample", cli, "--layers", "6"}).Code, 0);
+    const ToolResult to = Tool({"convert", cli, slm});
+    ASSERT_EQ(to.Code, 0) << to.Err;
+    EXPECT_NE(to.Out.find("SLM (code 47)"), std::string::npos) << to.Out;
+    EXPECT_NE(to.Out.find("contours as polygon blocks"), std::string::npos) << to.Out;
+    // Written in millimetres at resolution 1, whatever the input's step: it reads back true.
+    const std::string file = ts::ReadFile(slm);
+    EXPECT_EQ(file.substr(9, 16), std::string("\x02\x0ESLM-Layerfile\0", 16));
+
+    const ToolResult info = Tool({"info", slm});
+    ASSERT_EQ(info.Code, 0) << info.Err;
+    for (const char* text : {"File ID String:   SLM-Layerfile", "File Version:     1.10", "Layer Z Unit:     10000",
+                             "model 1:", "0 Hatch (1000 mm/s, 200 W)"})
+        EXPECT_NE(info.Out.find(text), std::string::npos) << text << " missing in:\n" << info.Out;
+    EXPECT_EQ(Tool({"check", slm}).Code, 0);
+
+    const ToolResult from = Tool({"convert", slm, back});
+    ASSERT_EQ(from.Code, 0) << from.Err;
+    // The hatches come back exactly (CLI's 1/1000 mm step holds them) and the contours as
+    // polygon blocks of their segments.
+    const auto input = VectorsOf(cli, 0), output = VectorsOf(back, 0);
+    ASSERT_EQ(input.size(), 6u);
+    ASSERT_EQ(output.size(), 6u);
+    for (std::size_t i = 0; i < input.size(); ++i)
+    {
+        EXPECT_GT(output[i].size(), input[i].size()) << "layer " << i; // contour segments added
+        EXPECT_TRUE(std::equal(input[i].begin(), input[i].end(), output[i].end() - static_cast<long>(input[i].size())))
+            << "layer " << i;
+    }
+
+    // Another scale would not read back, so it is refused with the reason.
+    const ToolResult scaled = Tool({"convert", cli, _dir.File("scaled.slm"), "--resolution", "1000"});
+    EXPECT_EQ(scaled.Code, 1);
+    EXPECT_NE(scaled.Err.find("millimetres"), std::string::npos) << scaled.Err;
+}
