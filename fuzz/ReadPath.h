@@ -80,6 +80,9 @@ inline std::shared_ptr<I2DSliceIO> MakeReader(short code)
     std::shared_ptr<I2DSliceIO> io = M2DSliceIOFactory::GetSliceIO(code);
     if (!io)
         throw std::logic_error("no reader for the fuzzed code");
+    // As M2DSliceContainerIO and the iterator do: a copy of the iterator makes its own
+    // reader from this code.
+    io->SetFileType(static_cast<unsigned short>(code));
     return io;
 }
 
