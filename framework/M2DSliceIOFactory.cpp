@@ -57,6 +57,8 @@ I2DSliceIO* CreateSliceIO(short code)
     // SLM (47), compressed SLM build file (48), MTT (51)
     case 47:
         return new M2DSliceIO_slm(false);
+    case 48:
+        return new M2DSliceIO_slm(true);
 
     // CLF (49)
 

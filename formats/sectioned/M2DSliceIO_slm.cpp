@@ -12,6 +12,10 @@
 
 #include "../../contracts/MUnit.h"
 #include "../../contracts/StringConversion.h"
+#include "../../contracts/TemporaryDirectory.h"
+#include "M2DSliceIOCompressor.h"
+
+#include <atomic>
 
 using namespace Sectioned;
 
@@ -19,7 +23,8 @@ namespace {
 
 constexpr const char* kSlmFileId = "SLM-Layerfile";
 constexpr const char* kMttFileId = "MTT-Layerfile";
-constexpr const char* kCompressedFileId = "[Compressed SLM Buildfile]";
+constexpr std::uint64_t kCompressionBuffer = 262144;
+std::atomic<bool> g_repairByDefault{false};
 constexpr std::int64_t kMaxFileIdSize = 512;
 constexpr unsigned short kSlmFileType = 47;
 
@@ -35,7 +40,13 @@ std::string CreationTime()
 
 } // namespace
 
-M2DSliceIO_slm::M2DSliceIO_slm(bool compressed) : _compressed(compressed) {}
+M2DSliceIO_slm::M2DSliceIO_slm(bool compressed)
+    : _compressed(compressed), _decompressRepair(g_repairByDefault.load())
+{
+}
+
+void M2DSliceIO_slm::SetDecompressRepairByDefault(bool repair) { g_repairByDefault = repair; }
+bool M2DSliceIO_slm::GetDecompressRepairByDefault() { return g_repairByDefault; }
 
 M2DSliceIO_slm::~M2DSliceIO_slm() = default;
 
@@ -100,12 +111,17 @@ bool M2DSliceIO_slm::_WriteHeader(const std::vector<const ISource2DSlices*>& sou
     _headerBytes.clear();
     _crcAfterHeader = static_cast<std::uint32_t>(crc32_z(0, nullptr, 0));
     _bytesAfterHeader = 0;
-    if (_compressed)
-        return _Fail("the compressed build file is not written by this version");
-
-    // The file must allow patching, so it is opened again for update.
+    // The file must allow patching, so it is opened again for update. A compressed file is
+    // written plain first, as "temp_uncompressed.slm" in a directory of its own, so that two
+    // writers side by side never meet.
     _file.CLOSE();
-    if (!_file.OPEN_UPDATE(_path.c_str()))
+    _plainPath = _path;
+    if (_compressed)
+    {
+        _tempDirectory = std::make_unique<ZanSDK::FileIO::FileSystem::TemporaryDirectory>();
+        _plainPath = _tempDirectory->GetPath() + L"/temp_uncompressed.slm";
+    }
+    if (!_file.OPEN_UPDATE(_plainPath.c_str()))
         return _Fail("cannot open the file again for update");
 
     std::string failure;
@@ -205,7 +221,49 @@ bool M2DSliceIO_slm::_WriteChecksumSection(MFile& file)
 
 bool M2DSliceIO_slm::_WriteFooter(const std::vector<const ISource2DSlices*>& /*sources*/)
 {
-    return _WriteSeekTable() && _WriteChecksumSection();
+    if (!_WriteSeekTable() || !_WriteChecksumSection())
+        return false;
+    return !_compressed || _WriteCompressed();
+}
+
+bool M2DSliceIO_slm::_WriteCompressed()
+{
+    // The plain file is complete: it is read once and coded into the target, whose checksum
+    // then covers the coded file. The writer's own file is left open on the target.
+    _file.CLOSE();
+    if (!_file.OPEN_READ(_plainPath.c_str()))
+        return _Fail("cannot open the plain file for compression");
+    MFile out(kCompressionBuffer);
+    if (!out.OPEN_UPDATE(_path.c_str()))
+        return _Fail("cannot open the target for the compressed file");
+    Sectioned::M2DSliceIOCompressor compressor(_file, out);
+    if (!compressor.Compress())
+        return _Fail("compression: " + compressor.GetFailureReason());
+    if (!out.FLUSH() || !out.CLOSE() || !out.OPEN_UPDATE(_path.c_str()) || !_WriteChecksumSection(out) ||
+        !out.FLUSH() || !out.CLOSE())
+        return _Fail("writing the checksum of the compressed file failed");
+    _file.CLOSE();
+    _tempDirectory.reset();
+    return _file.OPEN_UPDATE(_path.c_str()) || _Fail("cannot open the compressed file again");
+}
+
+bool M2DSliceIO_slm::_ReadCompressed()
+{
+    // Decoded into a fresh temporary file, which the layers are then read from.
+    _tempDirectory = std::make_unique<ZanSDK::FileIO::FileSystem::TemporaryDirectory>();
+    const std::wstring plain = _tempDirectory->GetTemporaryFilePath();
+    MFile out(kCompressionBuffer);
+    if (!out.OPEN_UPDATE(plain.c_str()) || !_file.SEEK(0, 0))
+        return _Fail("cannot open a temporary file to decompress into");
+    Sectioned::M2DSliceIODecompressor decompressor(_file, out);
+    decompressor.SetRepair(_decompressRepair);
+    if (!decompressor.Decompress())
+        return _Fail("decompression: " + decompressor.GetFailureReason());
+    if (!out.FLUSH() || !out.CLOSE())
+        return _Fail("writing the decompressed file failed");
+    _file.CLOSE();
+    _path = plain;
+    return _file.OPEN_UPDATE(plain.c_str()) || _Fail("cannot open the decompressed file");
 }
 
 // ------------------------------------------------------------------ reading
@@ -222,7 +280,7 @@ bool M2DSliceIO_slm::_IdentifyFile(bool& compressed)
     if (_file.ReadBytes(text, n) != n)
         return false;
     const std::string id(text, strnlen(text, n));
-    if (id == kCompressedFileId)
+    if (id == Sectioned::kCompressedFileId)
     {
         compressed = true;
         return true;
@@ -245,8 +303,8 @@ bool M2DSliceIO_slm::_ReadHeader(ITarget2DSlices* target)
     if (!_IdentifyFile(compressed))
         return _Fail("not an SLM or MTT file: no \"SLM-Layerfile\" or \"MTT-Layerfile\" at the start");
     _compressed = compressed;
-    if (_compressed)
-        return _Fail("the compressed build file is not read by this version");
+    if (_compressed && !_ReadCompressed())
+        return false;
     if (!_file.SEEK(0, 0))
         return _Fail("cannot seek to the start");
 

@@ -14,6 +14,14 @@
 #include "../../framework/I2DSliceIO.h"
 #include "SectionCodec.h"
 
+namespace ZanSDK {
+namespace FileIO {
+namespace FileSystem {
+class TemporaryDirectory;
+}
+} // namespace FileIO
+} // namespace ZanSDK
+
 class SLICEIO_API M2DSliceIO_slm : public I2DSliceIO
 {
 public:
@@ -140,6 +148,15 @@ public:
     // of the slice's vector blocks, labelled as the contour is. Off by default: then contours
     // are not written at all.
     void SetContoursAsPolygons(bool on) { _contoursAsPolygons = on; }
+
+    // Reading a compressed build file decompresses it in repair mode (see
+    // Sectioned::M2DSliceIODecompressor::SetRepair), which gives a file written by this
+    // library back byte for byte; off by default, as the format reads literally. New objects
+    // take the process-wide default, which a program may set once at its start.
+    void SetDecompressRepair(bool repair) { _decompressRepair = repair; }
+    bool GetDecompressRepair() const { return _decompressRepair; }
+    static void SetDecompressRepairByDefault(bool repair);
+    static bool GetDecompressRepairByDefault();
 
     // What the header said, after ReadHeader: "File ID String", "File Version", "Layer Z Unit".
     const std::map<std::string, std::string>& GetHeaderInfo() const { return _headerInfo; }
@@ -285,6 +302,13 @@ protected:
     M2DSliceBuildParameters* _buildParameters = nullptr;
 
     PersistentProperties _sourceDefaults;
+    // The compressed form: the plain file written or read beside it, in a directory of its own
+    // that goes when the file is done with.
+    std::unique_ptr<ZanSDK::FileIO::FileSystem::TemporaryDirectory> _tempDirectory;
+    std::wstring _plainPath;
+    bool _decompressRepair;
+    bool _WriteCompressed();
+    bool _ReadCompressed();
     bool _contoursAsPolygons = false;
     std::vector<std::unique_ptr<M2DSliceVectorBlock>> _contourBlocks; // one layer section's contours
     std::map<std::string, std::string> _headerInfo;

@@ -34,6 +34,7 @@ const FormatDescriptor kSectioned = {
     "SLM layer file",
     {
         {47, "SLM", ".slm", true, true},
+        {48, "SLM (compressed build file)", ".slm", true, true},
     },
     SniffSectioned,
     nullptr,

@@ -204,9 +204,12 @@ void Prepare(WriterSetup& setup)
     setup.Notes.push_back("millimetres as floats");
 }
 
-void Describe(const std::string& path, short /*code*/, FileReport& report)
+void Describe(const std::string& path, short code, FileReport& report)
 {
     M2DSliceIO_slm reader(false);
+    if (code == 48)
+        report.Rows.emplace_back("decoded in", "repair mode: zero bits after the coded stream, sections 41 and 44 "
+                                               "with their fixed size again");
     if (!reader.OpenFile(WidePath(path), I2DSliceIO::Read))
         return;
     if (!reader.ReadHeader(nullptr))
@@ -254,6 +257,13 @@ const FormatHooks kHooks = [] {
 }();
 
 const bool registered = RegisterFormatHooks(kHooks);
+
+// Read literally, a compressed build file does not give back the plain file it was made of:
+// the tool reads every one in repair mode.
+const bool repairing = [] {
+    M2DSliceIO_slm::SetDecompressRepairByDefault(true);
+    return true;
+}();
 
 } // namespace
 
