@@ -116,3 +116,97 @@ void SlmSeek(benchmark::State& state)
 } // namespace
 
 BENCHMARK(SlmSeek)->Name("SLM/SeekLayer")->Arg(0)->Arg(45)->Arg(90)->Unit(benchmark::kMicrosecond)->UseRealTime();
+
+// ------------------------------------------------------------------ compressed build file
+
+#include <chrono>
+#include <cstdlib>
+#include <sys/stat.h>
+
+#include "formats/sectioned/M2DSliceIOCompressor.h"
+
+namespace {
+
+std::shared_ptr<I2DSliceIO> MakeCompressed()
+{
+    auto io = std::make_shared<M2DSliceIO_slm>(true);
+    io->SetFileType(48);
+    io->SetDecompressRepair(true);
+    return io;
+}
+
+const bool registeredCompressed = [] {
+    FormatBenchSpec spec;
+    spec.Name = "SLM48";
+    spec.Code = 48;
+    spec.UnitConversion = MUnit::GetIE();
+    spec.InverseResolution = 1;
+    spec.Make = MakeCompressed;
+    spec.PrepareWriter = PrepareSlm;
+    return RegisterFormatBench(spec);
+}();
+
+std::uint64_t FileSize(const std::string& path)
+{
+    struct stat info;
+    return stat(path.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+}
+
+// The plain SLM file of the shared build coded by the compressor, next to xz -9 and zstd -19
+// of the same file where they are installed: size per plain byte and MB/s of plain file.
+void SlmCompressionRatio(benchmark::State& state)
+{
+    BuildShape shape;
+    shape.NumLayers = BenchLayers(1000) / 10 + 1;
+    const BuildGenerator build(shape);
+    std::shared_ptr<I2DSliceIO> io = MakeSlm();
+    PrepareSlm(*io);
+    M2DSliceContainerIO out(io);
+    const std::wstring plain = BenchTempPath("slm_ratio.slm"), coded = BenchTempPath("slm_ratio.slm48");
+    if (!out.WriteContainer(build, plain, MUnit::GetIE(), 1, nullptr))
+    {
+        state.SkipWithError("the plain file could not be written");
+        return;
+    }
+    const std::string narrow(plain.begin(), plain.end());
+    const double bytes = static_cast<double>(FileSize(narrow));
+    double seconds = 0;
+    std::uint64_t size = 0;
+    for (auto _ : state)
+    {
+        MFile in, compressed;
+        in.OPEN_READ(plain.c_str());
+        compressed.OPEN_WRITE(coded.c_str());
+        const auto start = std::chrono::steady_clock::now();
+        Sectioned::M2DSliceIOCompressor compressor(in, compressed);
+        if (!compressor.Compress())
+        {
+            state.SkipWithError("compression failed");
+            return;
+        }
+        compressed.CLOSE();
+        seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        size = FileSize(std::string(coded.begin(), coded.end()));
+    }
+    state.counters["ratio"] = static_cast<double>(size) / bytes;
+    state.counters["MBps"] = bytes * static_cast<double>(state.iterations()) / seconds / 1e6;
+    for (const auto& [name, command] : {std::pair<const char*, const char*>{"xz", "xz -9 -T1 -c"},
+                                        std::pair<const char*, const char*>{"zstd", "zstd -19 -q -c"}})
+    {
+        const std::string which = std::string("command -v ") + name + " >/dev/null 2>&1";
+        if (std::system(which.c_str()) != 0)
+            continue;
+        const std::string target = narrow + "." + name;
+        const auto start = std::chrono::steady_clock::now();
+        if (std::system((std::string(command) + " '" + narrow + "' > '" + target + "'").c_str()) != 0)
+            continue;
+        const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        state.counters[std::string(name) + "_ratio"] = static_cast<double>(FileSize(target)) / bytes;
+        state.counters[std::string(name) + "_MBps"] = bytes / s / 1e6;
+        std::remove(target.c_str());
+    }
+}
+
+} // namespace
+
+BENCHMARK(SlmCompressionRatio)->Name("SLM48/Ratio")->Unit(benchmark::kMillisecond)->Iterations(1);

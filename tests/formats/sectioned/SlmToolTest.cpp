@@ -91,3 +91,43 @@ TEST_F(SlmToolTest, CliConvertsToSlmAndBackWithoutSettings)
     EXPECT_EQ(scaled.Code, 1);
     EXPECT_NE(scaled.Err.find("millimetres"), std::string::npos) << scaled.Err;
 }
+
+TEST_F(SlmToolTest, CompressedBuildFilesBothWaysAndSideBySide)
+{
+    const std::string cli = _dir.File("in.cli");
+    ASSERT_EQ(Tool({"sample", cli, "--layers", "4"}).Code, 0);
+    // Two conversions at once: each writes its plain file in a directory of its own.
+    const std::string command = std::string("'") + SLICEIO_TOOL_PATH + "' convert '" + cli + "' '" + _dir.File("a.slm") +
+                                "' --to 48 >/dev/null 2>&1 & '" + SLICEIO_TOOL_PATH + "' convert '" + cli + "' '" +
+                                _dir.File("b.slm") + "' --to 48 >/dev/null 2>&1; wait";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    for (const char* name : {"a.slm", "b.slm"})
+    {
+        const std::string file = ts::ReadFile(_dir.File(name));
+        ASSERT_GT(file.size(), 121u) << name;
+        EXPECT_EQ(file.substr(3, 29), std::string("\x02\x1B[Compressed SLM Buildfile]\0", 29));
+        const ToolResult info = Tool({"info", _dir.File(name)});
+        ASSERT_EQ(info.Code, 0) << info.Err;
+        EXPECT_NE(info.Out.find("SLM (compressed build file) (code 48)"), std::string::npos) << info.Out;
+        EXPECT_NE(info.Out.find("repair mode"), std::string::npos) << info.Out;
+        EXPECT_EQ(Tool({"check", _dir.File(name)}).Code, 0);
+    }
+    const ToolResult back = Tool({"convert", _dir.File("a.slm"), _dir.File("back.cli")});
+    ASSERT_EQ(back.Code, 0) << back.Err;
+    // Every vector comes back, each coordinate within half a step of the 0.005 mm grid of the
+    // compressed form (50 internal units) of what the plain SLM file gives.
+    ASSERT_EQ(Tool({"convert", cli, _dir.File("plain.slm")}).Code, 0);
+    const auto plain = VectorsOf(_dir.File("plain.slm"), 47), again = VectorsOf(_dir.File("back.cli"), 0);
+    ASSERT_EQ(plain.size(), 4u);
+    ASSERT_EQ(again.size(), 4u);
+    int worst = 0;
+    for (std::size_t i = 0; i < plain.size(); ++i)
+    {
+        ASSERT_EQ(plain[i].size(), again[i].size()) << "layer " << i;
+        for (std::size_t k = 0; k < plain[i].size(); ++k)
+            for (int d : {plain[i][k].x1 - again[i][k].x1, plain[i][k].y1 - again[i][k].y1,
+                          plain[i][k].x2 - again[i][k].x2, plain[i][k].y2 - again[i][k].y2})
+                worst = std::max(worst, std::abs(d));
+    }
+    EXPECT_LE(worst, 25 + 1); // half a step, and the float's own rounding
+}
