@@ -59,7 +59,8 @@ TEST(SlmNumbersTest, MinimalAndFixedFormsAndTheirLimits)
     EXPECT_EQ(Encoded(8192, false, 3), Hex({0x40, 0x20, 0x00}));
     // A number cut short fails and says so through the cursor.
     std::int64_t v = 0;
-    ByteCursor cut(Hex({0x40, 0x20}));
+    const std::string cutBytes = Hex({0x40, 0x20});
+    ByteCursor cut(cutBytes);
     EXPECT_FALSE(Sectioned::DecodeLF(cut, v));
     EXPECT_TRUE(cut.Failed());
 }
