@@ -77,7 +77,12 @@ int RunCheck(const CheckOptions& options)
     io->CloseFile();
 
     const FileReport report = DescribeWithHooks(path, format.Code);
-    if (report.DeclaredLayers >= 0 && static_cast<std::uint64_t>(report.DeclaredLayers) != layers)
+    const bool readToTheEnd = problems.empty();
+    if (report.DeclaredLayers >= 0 && static_cast<std::uint64_t>(report.DeclaredLayers) > layers && readToTheEnd)
+        problems.push_back(fmt::format("{}: layer {}: missing: the file ends there though it declares {} layers "
+                                       "(truncated?)",
+                                       path, layers, report.DeclaredLayers));
+    else if (report.DeclaredLayers >= 0 && static_cast<std::uint64_t>(report.DeclaredLayers) != layers)
         problems.push_back(fmt::format("{}: the file declares {} layers and holds {} readable ones", path,
                                        report.DeclaredLayers, layers));
     if (report.ExtentsDeclared && layers > 0 && problems.empty())

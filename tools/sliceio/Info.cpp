@@ -142,6 +142,12 @@ std::string Json(const std::string& path, const InputFormat& format, const M2DSl
         out["declared_layers"] = report.DeclaredLayers;
     for (const auto& row : report.Rows)
         out[row.first] = row.second;
+    if (!report.Parts.empty())
+    {
+        out["parts"] = nlohmann::ordered_json::object();
+        for (const auto& [part, properties] : report.Parts)
+            out["parts"][std::to_string(part)] = properties;
+    }
     out["warnings"] = report.Warnings;
     if (layerTable)
     {
