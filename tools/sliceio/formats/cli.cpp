@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "../../../contracts/M2DSliceSource.h"
 #include "../../../contracts/PersistentProperties.h"
 #include "../../../contracts/StringConversion.h"
 #include "../../../framework/M2DSliceIOFactory.h"
@@ -180,6 +181,26 @@ void PrepareCli(WriterSetup& setup)
             throw Failure(fmt::format("--resolution {} would be read back from \"$$UNITS/\" as {} steps per mm",
                                       setup.InverseResolution, std::lroundf(1.0f / units)));
         setup.InverseResolution = 1000;
+    }
+    // The short form holds 0 to 65535 steps: unless told otherwise, a build that does not fit
+    // at the chosen resolution gets the finest one that fits.
+    if (setup.Code == 35 && !setup.ScaleGiven)
+    {
+        double high = 0;
+        for (const ISource2DSlices* source : setup.Sources)
+        {
+            const M2DSliceXYArea area = source->GetXYArea();
+            if (!area.IsEmpty())
+                high = std::max({high, static_cast<double>(area.XMax), static_cast<double>(area.YMax)});
+            for (std::uint64_t i = 0; i < source->GetNumSlices(); ++i)
+                high = std::max(high, static_cast<double>(source->GetSliceZPosition(i)));
+        }
+        const double fitting = std::floor(65535.0 * setup.UnitConversion / (high + 1));
+        if (high > 0 && fitting < setup.InverseResolution && fitting >= 1)
+        {
+            setup.InverseResolution = static_cast<std::int32_t>(fitting);
+            setup.Notes.push_back(fmt::format("resolution lowered to {} steps per mm for the short form", setup.InverseResolution));
+        }
     }
     // The writer numbers the parts from 0 and names them "part1", "part2", ...
     bool renamed = false;
