@@ -9,11 +9,15 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "framework/I2DSliceIO.h"
 
 struct FormatBenchSpec
 {
+    FormatBenchSpec() = default;
+    FormatBenchSpec(std::string name, short code) : Name(std::move(name)), Code(code) {}
+
     std::string Name; // the table's format column
     short Code = 0;   // through the factory, unless Make is given
     std::int32_t UnitConversion = 10000;

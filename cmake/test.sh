@@ -8,6 +8,10 @@
 #   bash cmake/test.sh tsan     TSan build of the concurrency tests only
 #   bash cmake/test.sh fuzz [S] fuzz targets, S seconds each (default 30); the full run shares
 #                               240 seconds among all targets
+#   bash cmake/test.sh python   plain build with the Python module, then its pytest suite
+#   bash cmake/test.sh consumer plain build installed into a temporary prefix, then a separate
+#                               project built against it with find_package and with pkg-config
+#   bash cmake/test.sh deb      the Debian package of the plain build, and what it holds
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash cmake/setup.sh
@@ -18,10 +22,65 @@ configure() { # dir, extra cmake arguments...
   cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
 }
 
-plain() {
-  configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo
+plain_build() {
+  configure build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSLICEIO_WERROR=ON -DSLICEIO_PYTHON=ON \
+    -DPython_EXECUTABLE=/usr/bin/python3
   cmake --build build -j"$jobs"
+}
+
+plain() {
+  plain_build
   (cd build && ctest --output-on-failure -j"$jobs")
+}
+
+python_suite() {
+  plain_build
+  PYTHONDONTWRITEBYTECODE=1 PYTHONPATH="$PWD/build/python" SLICEIO_TOOL="$PWD/build/sliceio" /usr/bin/python3 -m pytest -q -p no:cacheprovider python/tests
+}
+
+consumer() {
+  plain_build
+  local tmp
+  tmp=$(mktemp -d)
+  trap 'rm -rf "$tmp"' RETURN
+  cmake --install build --prefix "$tmp/prefix" >/dev/null
+  cmake -S examples/consumer -B "$tmp/build" -G Ninja -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
+  cmake --build "$tmp/build"
+  "$tmp/build/consumer" "$tmp/consumer.cli"
+  "$tmp/prefix/bin/sliceio" info "$tmp/consumer.cli" >/dev/null
+  # The same program built with nothing but the pkg-config file.
+  local flags
+  flags=$(PKG_CONFIG_PATH="$tmp/prefix/lib/pkgconfig:$tmp/prefix/lib/$(gcc -print-multiarch)/pkgconfig" \
+    pkg-config --cflags --libs zansdk-sliceio)
+  # shellcheck disable=SC2086
+  g++ -std=c++17 examples/consumer/consumer.cpp $flags -o "$tmp/consumer-pc"
+  LD_LIBRARY_PATH=$(dirname "$(find "$tmp/prefix" -name 'libZanSDK.AM.SliceIO.so' | head -1)") \
+    "$tmp/consumer-pc" "$tmp/consumer-pc.cli"
+}
+
+deb() {
+  plain_build
+  (cd build && cpack -G DEB >/dev/null)
+  local package
+  package=$(ls build/libzansdk-sliceio_*.deb)
+  dpkg-deb -I "$package" | grep -E '^ (Package|Version|Depends|Recommends):'
+  local contents
+  contents=$(dpkg-deb -c "$package")
+  local want
+  for want in 'libZanSDK\.AM\.SliceIO\.so\.1' 'include/ZanSDK/SliceIO/framework/M2DSliceContainerIO\.h' \
+    'include/ZanSDK/SliceIO/contracts/M2DSlice\.h' 'cmake/ZanSDKSliceIO/ZanSDKSliceIOConfig(Version)?\.cmake' \
+    'pkgconfig/zansdk-sliceio\.pc' 'bin/sliceio$' 'dist-packages/sliceio/__init__\.py'; do
+    grep -qE "$want" <<<"$contents" || { echo "deb: $package holds nothing matching $want" >&2; exit 1; }
+  done
+  # Unpacked anywhere, the tool and the Python module find the library beside them.
+  local tmp
+  tmp=$(mktemp -d)
+  trap 'rm -rf "$tmp"' RETURN
+  dpkg-deb -x "$package" "$tmp"
+  "$tmp/usr/bin/sliceio" formats >/dev/null
+  PYTHONDONTWRITEBYTECODE=1 PYTHONPATH="$tmp/usr/lib/python3/dist-packages" /usr/bin/python3 -c \
+    'import sliceio; assert any(row["code"] == 0 and row["write"] for row in sliceio.formats())'
+  echo "$package"
 }
 
 asan() {
@@ -46,11 +105,16 @@ case "${1:-all}" in
   asan) asan ;;
   tsan) tsan ;;
   fuzz) fuzz "${2:-30}" ;;
+  python) python_suite ;;
+  consumer) consumer ;;
+  deb) deb ;;
   all)
     asan
     tsan
     bash fuzz/run.sh --total 240
-    plain # last, so that its closing summary is the run's last word
+    consumer
+    deb
+    plain # last, so that its closing summary is the run's last word (it runs the pytest suite too)
     ;;
-  *) echo "usage: bash cmake/test.sh [quick|asan|tsan|fuzz [seconds]]" >&2; exit 2 ;;
+  *) echo "usage: bash cmake/test.sh [quick|asan|tsan|fuzz [seconds]|python|consumer|deb]" >&2; exit 2 ;;
 esac

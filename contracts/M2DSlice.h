@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -77,13 +78,13 @@ struct M2DSlicePoint
 
 class M2DSliceContour;
 
-class M2DSliceContourPoint : public M3dBorderPointBase<int, void*, M2DSliceContourPoint>
+class SLICEIO_API M2DSliceContourPoint : public M3dBorderPointBase<int, void*, M2DSliceContourPoint>
 {
 public:
     using M3dBorderPointBase::M3dBorderPointBase;
 };
 
-class M2DSliceContour : public M3dBorderContourBase<int, void*, M2DSliceContourPoint, M2DSliceContour>,
+class SLICEIO_API M2DSliceContour : public M3dBorderContourBase<int, void*, M2DSliceContourPoint, M2DSliceContour>,
                         public M2DSliceVectorTypeInfoHolder
 {
 public:
@@ -94,7 +95,7 @@ public:
 };
 
 // Counting view of a contour layer, by position.
-class M2DSliceComponentContours
+class SLICEIO_API M2DSliceComponentContours
 {
 public:
     virtual ~M2DSliceComponentContours() = default;
@@ -103,7 +104,7 @@ public:
     virtual bool GetIsClosed(std::size_t i) const = 0;
 };
 
-class M2DSliceContourLayer : public M3dBorder<int, void*, M2DSliceContour>, public M2DSliceComponentContours
+class SLICEIO_API M2DSliceContourLayer : public M3dBorder<int, void*, M2DSliceContour>, public M2DSliceComponentContours
 {
 public:
     M2DSliceContourLayer() = default;
@@ -234,7 +235,7 @@ private:
 
 // ---------------------------------------------------------------- vectors
 
-class M2DSliceVectorBlock : public M2DSliceVectorTypeInfoHolder
+class SLICEIO_API M2DSliceVectorBlock : public M2DSliceVectorTypeInfoHolder
 {
 public:
     M2DSliceVectorBlock() = default;
@@ -269,7 +270,7 @@ private:
     M2DSliceVectorBlock* _next = nullptr;
 };
 
-class M2DSliceComponentVectors
+class SLICEIO_API M2DSliceComponentVectors
 {
 public:
     virtual ~M2DSliceComponentVectors() = default;
@@ -277,7 +278,7 @@ public:
     virtual std::size_t GetNumVectors(std::size_t i) const = 0;
 };
 
-class M2DSliceVectorLayer : public M2DSliceComponentVectors
+class SLICEIO_API M2DSliceVectorLayer : public M2DSliceComponentVectors
 {
 public:
     M2DSliceVectorBlock* GetFirstVectorBlock() const { return _list.First(); }
@@ -306,7 +307,7 @@ private:
 
 // ---------------------------------------------------------------- points
 
-class M2DSlicePointBlock : public M2DSliceVectorTypeInfoHolder
+class SLICEIO_API M2DSlicePointBlock : public M2DSliceVectorTypeInfoHolder
 {
 public:
     M2DSlicePointBlock() = default;
@@ -338,7 +339,7 @@ private:
     M2DSlicePointBlock* _next = nullptr;
 };
 
-class M2DSlicePointLayer
+class SLICEIO_API M2DSlicePointLayer
 {
 public:
     M2DSlicePointBlock* GetFirstPointBlock() const { return _list.First(); }
@@ -366,7 +367,7 @@ struct M2DSliceBaseInfoVectors
 // ---------------------------------------------------------------- slice
 
 // One layer: a height, a contour layer, a vector layer and a point layer.
-class M2DSlice
+class SLICEIO_API M2DSlice
 {
 public:
     M2DSlice() = default;

@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -8,7 +9,7 @@
 
 // The build-style table of a part, kept as one record inside a PersistentProperties
 // under the key "M2DSliceBuildParameters".
-class M2DSliceBuildParameters : public IPersistentObject
+class SLICEIO_API M2DSliceBuildParameters : public IPersistentObject
 {
 public:
     class Instance

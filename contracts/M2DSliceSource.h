@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -16,7 +17,7 @@ struct M2DSliceIOParameters
 };
 
 // File-wide parameters of a source.
-class MSliceFileParameters
+class SLICEIO_API MSliceFileParameters
 {
 public:
     MSliceFileParameters() = default;
@@ -31,7 +32,7 @@ public:
 };
 
 // One contour, vector block or point block of a layer, in build order.
-class M2DSliceConstDataItem
+class SLICEIO_API M2DSliceConstDataItem
 {
 public:
     M2DSliceConstDataItem() = default;
@@ -50,7 +51,7 @@ private:
 
 // What a source hands out for one layer: the items, and the slices they belong to, one
 // slice for each joined source (also when the layer holds nothing).
-class M2DSliceConstDataItems
+class SLICEIO_API M2DSliceConstDataItems
 {
 public:
     M2DSliceConstDataItems() = default;
@@ -70,7 +71,7 @@ public:
 
 // The read side: anything that can hand out layers. The public operations call the
 // protected virtual ones, which subclasses override.
-class ISource2DSlices
+class SLICEIO_API ISource2DSlices
 {
 public:
     virtual ~ISource2DSlices() = default;
@@ -123,7 +124,7 @@ protected:
 };
 
 // The write side of a load.
-class ITarget2DSlices
+class SLICEIO_API ITarget2DSlices
 {
 public:
     virtual ~ITarget2DSlices() = default;
@@ -140,7 +141,7 @@ public:
 // one slice per source; GetSlice gives a single source's own slice, or for several sources a
 // new slice holding the geometry of all of them. Parameters and properties are those of the
 // first source.
-class M2DSliceSourceVector : public ISource2DSlices
+class SLICEIO_API M2DSliceSourceVector : public ISource2DSlices
 {
 public:
     struct Options

@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -12,7 +13,7 @@ class MFile;
 // A concrete stack of slices: a target to load into and a source to write from.
 // It may also be initialised from another source, whose slices it then hands out on
 // demand without copying them (the source is owned by the stack from then on).
-class M2DSliceStack : public ITarget2DSlices, public ISource2DSlices
+class SLICEIO_API M2DSliceStack : public ITarget2DSlices, public ISource2DSlices
 {
 public:
     M2DSliceStack() = default;
@@ -59,7 +60,7 @@ private:
 
 // A slice file used as the backing store of a lazily filled stack. It reopens the file for
 // reading when needed and can remove it when it goes.
-class M2DSliceTempFile
+class SLICEIO_API M2DSliceTempFile
 {
 public:
     M2DSliceTempFile(MFile* file, const std::wstring& path);

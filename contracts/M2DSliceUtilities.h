@@ -1,11 +1,12 @@
 #pragma once
+#include "../framework/Export.h"
 #include <cstdint>
 #include <memory>
 #include <vector>
 
 #include "M2DSlice.h"
 
-class IVectorBlockMergePredicate
+class SLICEIO_API IVectorBlockMergePredicate
 {
 public:
     virtual ~IVectorBlockMergePredicate() = default;
@@ -18,30 +19,30 @@ namespace M2DSliceUtilities {
 // Every segment of every contour (the closing one of closed contours included) as vectors,
 // one new block per contour with the contour's label. A contour of fewer than two points has
 // no segment and adds no block.
-void AddContoursToVectorLayer(const M2DSliceContourLayer& border, M2DSliceVectorLayer& vectors);
+SLICEIO_API void AddContoursToVectorLayer(const M2DSliceContourLayer& border, M2DSliceVectorLayer& vectors);
 // The segments of one contour appended to a block.
-void ConvertContourToVectors(const M2DSliceContour& contour, M2DSliceVectorBlock& block);
+SLICEIO_API void ConvertContourToVectors(const M2DSliceContour& contour, M2DSliceVectorBlock& block);
 // Chains of vectors (one's end equal to the next one's start) become contours with the
 // block's label; a chain of two or more vectors that returns to its start is closed, with the
 // start not repeated. Other chains are open contours of all their points.
-void ConvertVectorsToContours(const M2DSliceVectorBlock& block, M2DSliceContourLayer& border);
+SLICEIO_API void ConvertVectorsToContours(const M2DSliceVectorBlock& block, M2DSliceContourLayer& border);
 // Joins each block into the block before it while the predicate holds for the pair: the
 // block's vectors are appended to the block it joins, and the emptied block is destroyed.
 // The predicate is asked with the growing block first, so a run of blocks becomes one.
-void MergeVectorBlocks(M2DSliceVectorLayer& vectors, const IVectorBlockMergePredicate& predicate);
+SLICEIO_API void MergeVectorBlocks(M2DSliceVectorLayer& vectors, const IVectorBlockMergePredicate& predicate);
 // Gives every closed contour its proper sense: outer contours (nested at even depth)
 // positive signed area, holes negative, and sets the outer flags accordingly. Nesting is
 // found by an exact even-odd test of a vertex; open contours are left alone.
-void OrientBorder(M2DSliceContourLayer& border);
+SLICEIO_API void OrientBorder(M2DSliceContourLayer& border);
 // Twice the signed area: the sum of (y1 + y2) * (x2 - x1) over the closed polygon.
-double SignedAreaSum(const M2DSliceContour& contour);
+SLICEIO_API double SignedAreaSum(const M2DSliceContour& contour);
 
 } // namespace M2DSliceUtilities
 
 // Classifies the closed contours of a layer by nesting: for each contour (by position) its
 // depth (0 outermost) and the index of its direct parent (-1 for none). Open contours have
 // depth 0, no parent and area 0, and are no one's parent.
-class M2DSliceOperatorDetermineAreas
+class SLICEIO_API M2DSliceOperatorDetermineAreas
 {
 public:
     struct Area
@@ -69,7 +70,7 @@ private:
 // Within a type, blocks whose bounding boxes overlap the same outer contour stay together:
 // slice by slice, region by region in the order of the outer contours, and blocks that
 // overlap none last. The sort is stable.
-class M2DSliceOperatorSortRegions
+class SLICEIO_API M2DSliceOperatorSortRegions
 {
 public:
     virtual ~M2DSliceOperatorSortRegions() = default;

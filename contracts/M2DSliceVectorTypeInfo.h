@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -69,7 +70,7 @@ enum e2DSliceVectorTypeNumber : std::int32_t
 // Unset tags read as false, 0 and 0.0; setting a tag to that value unsets it, so two labels
 // compare equal exactly when every tag reads the same. Tags are kept as short sorted lists,
 // which costs nothing for the common label that carries only a kind and an index or two.
-class M2DSliceVectorTypeInfo
+class SLICEIO_API M2DSliceVectorTypeInfo
 {
 public:
     M2DSliceVectorTypeInfo() = default;
@@ -119,7 +120,7 @@ private:
     std::vector<std::pair<std::int32_t, double>> _numbers;       // sorted by id
 };
 
-class M2DSliceVectorTypeInfoHolder
+class SLICEIO_API M2DSliceVectorTypeInfoHolder
 {
 public:
     void SetTypeInfo(const M2DSliceVectorTypeInfo& info) { _typeInfo = info; }
@@ -131,7 +132,7 @@ protected:
 };
 
 // Labels to and from the 16-bit vector codes of the SLI format.
-struct M2DSliceVectorTypes
+struct SLICEIO_API M2DSliceVectorTypes
 {
     static M2DSliceVectorTypeInfo ConvertFromSliType(unsigned short code);
     static unsigned short ConvertToSliType(const M2DSliceVectorTypeInfo& info);

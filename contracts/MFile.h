@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +14,7 @@
 // Errors: an operating-system failure (open aside, which just returns false) sets an error
 // code that sticks until the next open; GET_ERROR() reports it. Reading short at the end of
 // the file is not an error: the read returns fewer items.
-class MFile
+class SLICEIO_API MFile
 {
 public:
     explicit MFile(std::uint64_t bufferSize = 0x40000);

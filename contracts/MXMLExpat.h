@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <map>
 #include <string>
 
@@ -6,7 +7,7 @@
 // character data (possibly in several pieces for one run of text). Parse errors make
 // ParseString return false with a message naming the line. An exception thrown by a handler
 // stops the parse and leaves ParseString.
-class MXMLExpat
+class SLICEIO_API MXMLExpat
 {
 public:
     MXMLExpat() = default;

@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -16,7 +17,7 @@ enum EXMLEncoding
 // with no content is closed as <name .../>; every element ends its line. Every call returns
 // false after a failure (including misuse, such as an end tag that does not match), and
 // nothing is thrown.
-class MXMLWriter : public ZanSAX::ISAXWriter
+class SLICEIO_API MXMLWriter : public ZanSAX::ISAXWriter
 {
 public:
     explicit MXMLWriter(EXMLEncoding encoding = EXMLEncoding_UTF8);

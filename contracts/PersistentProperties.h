@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -38,7 +39,7 @@ private:
 };
 
 // A record kept as one property value: it copies, compares and persists itself.
-class IPersistentObject
+class SLICEIO_API IPersistentObject
 {
 public:
     virtual ~IPersistentObject() = default;
@@ -56,7 +57,7 @@ public:
     static std::unique_ptr<IPersistentObject> Create(const std::string& typeName);
 };
 
-class IPersistentProperty
+class SLICEIO_API IPersistentProperty
 {
 public:
     virtual ~IPersistentProperty() = default;
@@ -70,7 +71,7 @@ public:
 };
 
 // One level of undo: Remember keeps the current state, Undo brings it back.
-class IPersistentPropertyUndo
+class SLICEIO_API IPersistentPropertyUndo
 {
 public:
     virtual ~IPersistentPropertyUndo() = default;
@@ -79,11 +80,11 @@ public:
 };
 
 template <class T>
-EPropertyType GetTypeOfProperty();
+SLICEIO_API EPropertyType GetTypeOfProperty();
 template <class T>
-bool WriteValueOfProperty(MFile& file, const T& value);
+SLICEIO_API bool WriteValueOfProperty(MFile& file, const T& value);
 template <class T>
-bool ReadValueOfProperty(MFile& file, T& value);
+SLICEIO_API bool ReadValueOfProperty(MFile& file, T& value);
 
 template <class T>
 class PersistentProperty : public IPersistentProperty, public IPersistentPropertyUndo
@@ -170,7 +171,7 @@ private:
 //
 // Value types: std::int32_t (Long), double, bool, std::wstring,
 // IndexedProperties<PersistentProperties>, ObjectHolder.
-class PersistentProperties
+class SLICEIO_API PersistentProperties
 {
 public:
     PersistentProperties() = default;

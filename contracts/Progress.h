@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <atomic>
 #include <memory>
 #include <string>
@@ -7,7 +8,7 @@ namespace ZanSDK {
 namespace Common {
 
 // The caller's side of progress reporting. Every operation has a default that does nothing.
-class IProgressDelegate
+class SLICEIO_API IProgressDelegate
 {
 public:
     virtual ~IProgressDelegate() = default;
@@ -22,7 +23,7 @@ public:
 
 // Reports to a delegate for its lifetime. A null delegate is legal: nothing is shown and
 // IsCancelled() stays false.
-class BaseProgressReporter
+class SLICEIO_API BaseProgressReporter
 {
 public:
     explicit BaseProgressReporter(std::shared_ptr<IProgressDelegate> delegate) : _delegate(std::move(delegate)) {}
@@ -42,7 +43,7 @@ protected:
     mutable bool _cancelled = false;
 };
 
-class IndeterminateProgressReporter : public BaseProgressReporter
+class SLICEIO_API IndeterminateProgressReporter : public BaseProgressReporter
 {
 public:
     IndeterminateProgressReporter(const std::shared_ptr<IProgressDelegate>& delegate, const std::string& text,

@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <string>
 
 // The small streaming interfaces through which labels and other records persist
@@ -6,7 +7,7 @@
 // a reader hands each element with its attributes to the object that owns the element.
 namespace ZanSAX {
 
-class ISAXWriter
+class SLICEIO_API ISAXWriter
 {
 public:
     virtual ~ISAXWriter() = default;
@@ -15,7 +16,7 @@ public:
     virtual bool WriteEndTag(const char* name) = 0;
 };
 
-class ISAXReader
+class SLICEIO_API ISAXReader
 {
 public:
     virtual ~ISAXReader() = default;

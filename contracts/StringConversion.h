@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <string>
 
 // Conversions between the platform's wide strings (UTF-32 here), UTF-8, UTF-16 and the
@@ -6,11 +7,11 @@
 // sequence becomes U+FFFD (or '?' where the target cannot hold it).
 namespace StringConversion {
 
-std::string NativeToUtf8(const std::wstring& text);
-std::wstring Utf8ToNative(const std::string& text);
-std::string NativeToLocale(const std::wstring& text);
-std::wstring LocaleToNative(const std::string& text);
-std::string Utf16ToUtf8(const std::u16string& text);
-std::u16string Utf8ToUtf16(const std::string& text);
+SLICEIO_API std::string NativeToUtf8(const std::wstring& text);
+SLICEIO_API std::wstring Utf8ToNative(const std::string& text);
+SLICEIO_API std::string NativeToLocale(const std::wstring& text);
+SLICEIO_API std::wstring LocaleToNative(const std::string& text);
+SLICEIO_API std::string Utf16ToUtf8(const std::u16string& text);
+SLICEIO_API std::u16string Utf8ToUtf16(const std::string& text);
 
 } // namespace StringConversion

@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <cstdint>
 #include <string>
 
@@ -8,7 +9,7 @@ namespace FileSystem {
 
 // A directory of its own under the system's temporary folder, removed with all its
 // content when the object goes.
-class TemporaryDirectory
+class SLICEIO_API TemporaryDirectory
 {
 public:
     TemporaryDirectory();

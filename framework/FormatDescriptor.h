@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "../contracts/M2DSliceSource.h"
+#include "Export.h"
 
 // What a write and read back through a format may lose; the round-trip comparisons and the
 // tool's closing line loosen or explain exactly these.
@@ -42,7 +43,7 @@ struct FormatCodeRow
     bool Writes;
 };
 
-struct FormatDescriptor
+struct SLICEIO_API FormatDescriptor
 {
     const char* Family;      // the folder under formats/: "cli"
     const char* DisplayName; // "Common Layer Interface"
@@ -69,18 +70,18 @@ constexpr std::size_t kSniffBytes = 4096;
 namespace FormatRegistry {
 
 // Every registered family, in registration order.
-const std::vector<const FormatDescriptor*>& Families();
+SLICEIO_API const std::vector<const FormatDescriptor*>& Families();
 // Every code row of every family, sorted by code.
-std::vector<FormatCodeRow> Codes();
-const FormatDescriptor* ForCode(short code);
-const FormatCodeRow* RowFor(short code);
+SLICEIO_API std::vector<FormatCodeRow> Codes();
+SLICEIO_API const FormatDescriptor* ForCode(short code);
+SLICEIO_API const FormatCodeRow* RowFor(short code);
 // The format whose recognition text stands earliest in head; false when none knows it.
-bool Sniff(const unsigned char* head, std::size_t size, short& code);
+SLICEIO_API bool Sniff(const unsigned char* head, std::size_t size, short& code);
 // The family whose extensions list the one of path (lower-cased, with its dot); the first
 // row listing it. Null when none does.
-const FormatCodeRow* ForExtension(const std::string& extension);
+SLICEIO_API const FormatCodeRow* ForExtension(const std::string& extension);
 
-void Register(const FormatDescriptor* descriptor);
+SLICEIO_API void Register(const FormatDescriptor* descriptor);
 
 } // namespace FormatRegistry
 

@@ -1,4 +1,5 @@
 #pragma once
+#include "Export.h"
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -72,7 +73,7 @@ class M2DSliceContainerAppendableIO;
 // Writing: OpenFile, WriteHeader, [WriteHeaderPerSliceContainer], WriteLayer per height in
 // rising order, WriteFooter, CloseFile. Reading: OpenFile, ReadHeader, ReadLayer or
 // ScanLayer until false, ReadFooter, CloseFile. Failure is a false result, with no message.
-class I2DSliceIO
+class SLICEIO_API I2DSliceIO
 {
 public:
     enum MOpenMode : std::int32_t

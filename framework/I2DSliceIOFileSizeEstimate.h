@@ -1,4 +1,5 @@
 #pragma once
+#include "Export.h"
 #include <cstdint>
 #include <vector>
 
@@ -6,7 +7,7 @@
 
 // A second base of the formats that can tell their file size before writing: the total,
 // or ranges of layers that each stay below a size limit.
-class I2DSliceIOFileSizeEstimate
+class SLICEIO_API I2DSliceIOFileSizeEstimate
 {
 public:
     struct Options

@@ -1,4 +1,5 @@
 #pragma once
+#include "Export.h"
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -9,7 +10,7 @@
 
 // Keeps one file open and appends layers to it in rounds, possibly from several threads,
 // before it finishes the file.
-class M2DSliceContainerAppendableIO
+class SLICEIO_API M2DSliceContainerAppendableIO
 {
 public:
     explicit M2DSliceContainerAppendableIO(unsigned short code);

@@ -1,4 +1,5 @@
 #pragma once
+#include "Export.h"
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -12,7 +13,7 @@ class M2DSliceSourceVector;
 
 // Loads a whole file into a target and saves one or several sources into one or several
 // files, through a shared format object.
-class M2DSliceContainerIO
+class SLICEIO_API M2DSliceContainerIO
 {
 public:
     explicit M2DSliceContainerIO(unsigned short code);

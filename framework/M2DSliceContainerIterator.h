@@ -1,4 +1,5 @@
 #pragma once
+#include "Export.h"
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -11,7 +12,7 @@ class M2DSliceTempFile;
 
 // A slice file as a source of slices without loading it: one scan pass notes where each
 // layer starts and what it measures; then each slice is read on demand by seeking there.
-class M2DSliceContainerIterator : public ISource2DSlices
+class SLICEIO_API M2DSliceContainerIterator : public ISource2DSlices
 {
 public:
     struct LayerEntry
@@ -73,16 +74,16 @@ protected:
 namespace ZanSDK {
 namespace AM {
 namespace SliceIO {
-bool InitSliceStackFromSliceFile(unsigned short code, const std::wstring& path, M2DSliceStack& stack,
+SLICEIO_API bool InitSliceStackFromSliceFile(unsigned short code, const std::wstring& path, M2DSliceStack& stack,
                                  bool removeAtEnd);
-bool InitSliceStackFromSliceFile(std::shared_ptr<I2DSliceIO> io, const std::wstring& path, M2DSliceStack& stack,
+SLICEIO_API bool InitSliceStackFromSliceFile(std::shared_ptr<I2DSliceIO> io, const std::wstring& path, M2DSliceStack& stack,
                                  bool removeAtEnd);
 } // namespace SliceIO
 } // namespace AM
 } // namespace ZanSDK
 
 // The iterator as the initial source of a stack, with the file as a temporary copy.
-class M2DSliceStackInitialSource : public M2DSliceContainerIterator
+class SLICEIO_API M2DSliceStackInitialSource : public M2DSliceContainerIterator
 {
 public:
     M2DSliceStackInitialSource(const std::wstring& path, std::shared_ptr<I2DSliceIO> io, M2DSliceStack* stack);

@@ -16,6 +16,8 @@
 // wza
 
 // jm
+#include "../formats/cli/M2DSliceIO_cli_ascii.h"
+#include "../formats/jm/M2DSliceIO_jm.h"
 
 namespace {
 
@@ -60,6 +62,10 @@ I2DSliceIO* CreateSliceIO(short code)
     // WZA (54)
 
     // JM (55), ASCII CLI (56)
+    case 55:
+        return new M2DSliceIO_jm();
+    case 56:
+        return new M2DSliceIO_cli_ascii();
 
     default:
         return nullptr;

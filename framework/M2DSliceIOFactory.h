@@ -13,8 +13,8 @@
 namespace M2DSliceIOFactory {
 
 // A new format object owned by the caller, or null.
-I2DSliceIO* CreateSliceIO(short code);
+SLICEIO_API I2DSliceIO* CreateSliceIO(short code);
 // The same, wrapped; for an unknown code a shared_ptr that owns null.
-std::shared_ptr<I2DSliceIO> GetSliceIO(short code);
+SLICEIO_API std::shared_ptr<I2DSliceIO> GetSliceIO(short code);
 
 } // namespace M2DSliceIOFactory

@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -45,7 +46,7 @@ struct SVGRootParameters
 
 using SVGPathStyles = std::unordered_map<e2DSliceVectorType, SVGPathStyle>;
 
-class ISVGWriter
+class SLICEIO_API ISVGWriter
 {
 public:
     virtual ~ISVGWriter() = default;
@@ -61,7 +62,7 @@ public:
     virtual void Write(const std::filesystem::path& path) = 0;
 };
 
-class SVGWriter : public ISVGWriter
+class SLICEIO_API SVGWriter : public ISVGWriter
 {
 public:
     // Every vector type from 1 to 11 starts with the default style.
@@ -103,7 +104,7 @@ private:
 };
 
 // The "d" texts of the two kinds of path.
-class SVGWriterUtilties
+class SLICEIO_API SVGWriterUtilties
 {
 public:
     // One closed subpath per contour with points: "M x y L x y ... z".

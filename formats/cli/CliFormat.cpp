@@ -19,9 +19,10 @@ std::size_t Find(const unsigned char* head, std::size_t size, const char* text, 
     return SIZE_MAX;
 }
 
-// "$$HEADERSTART" tells the family. A header that says "$$ASCII" is read by the reader of
-// code 0, which reads both forms; in a binary file the first layer command tells the short
-// form (128) from the long one.
+// "$$HEADERSTART" tells the family. A text header with every keyword the ASCII reader asks
+// for ("$$VERSION/", "$$DIMENSION/", "$$LAYERS/" besides the usual) is ASCII CLI (56); a looser
+// text header is left to the reader of code 0, which reads both forms. In a binary file the
+// first layer command tells the short form (128) from the long one.
 bool SniffCli(const unsigned char* head, std::size_t size, short& code, std::size_t& at)
 {
     at = Find(head, size, "$$HEADERSTART");
@@ -30,6 +31,11 @@ bool SniffCli(const unsigned char* head, std::size_t size, short& code, std::siz
     const std::size_t end = Find(head, size, "$$HEADEREND", at);
     const std::size_t ascii = Find(head, std::min(size, end), "$$ASCII", at);
     code = 0;
+    const std::size_t headerEnd = std::min(size, end);
+    if (ascii != SIZE_MAX && Find(head, headerEnd, "$$VERSION/", at) != SIZE_MAX &&
+        Find(head, headerEnd, "$$DIMENSION/", at) != SIZE_MAX && Find(head, headerEnd, "$$LAYERS/", at) != SIZE_MAX &&
+        Find(head, headerEnd, "$$UNITS/", at) != SIZE_MAX)
+        code = 56;
     if (ascii == SIZE_MAX && end != SIZE_MAX)
     {
         const std::size_t data = end + std::strlen("$$HEADEREND");
@@ -71,6 +77,7 @@ const FormatDescriptor kCli = {
         {9, "CLI (binary, long)", ".cli", true, true},
         {35, "CLI (binary, short)", ".cli", true, true},
         {36, "CLI (binary, long)", ".cli", true, true},
+        {56, "CLI (ASCII)", ".cli", true, true},
     },
     SniffCli,
     CheckCliRange,

@@ -1,4 +1,5 @@
 #include "M2DSliceIO_cli.h"
+#include "../../framework/LocalClock.h"
 
 #include <algorithm>
 #include <cmath>
@@ -244,8 +245,8 @@ bool M2DSliceIO_cli::_WriteHeader(const std::vector<const ISource2DSlices*>& sou
             ok = ok && _WriteShortLine("$$LABEL/%u,part%u\n", n, n + 1);
     }
 
-    const std::time_t now = std::time(nullptr);
-    const std::tm* local = std::localtime(&now);
+    std::tm clock{};
+    const std::tm* local = LocalNow(clock) ? &clock : nullptr;
     const unsigned short day = local ? static_cast<unsigned short>(local->tm_mday) : 0;
     const unsigned short month = local ? static_cast<unsigned short>(local->tm_mon + 1) : 0;
     const unsigned short year = local ? static_cast<unsigned short>(local->tm_year % 100) : 0;

@@ -1,4 +1,5 @@
 #pragma once
+#include "../../framework/Export.h"
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -8,7 +9,7 @@
 
 // Common Layer Interface: writes binary files in the long or short coordinate form, with
 // append mode; reads binary and ASCII files.
-class M2DSliceIO_cli : public I2DSliceIO, public I2DSliceIOFileSizeEstimate
+class SLICEIO_API M2DSliceIO_cli : public I2DSliceIO, public I2DSliceIOFileSizeEstimate
 {
 public:
     enum CoordinatesType : std::int32_t
@@ -73,9 +74,10 @@ private:
     bool _ReadHatches(ILayerInput& input, bool isLong, std::int32_t id, bool readVectors, std::int64_t fileSize);
     bool _ReadField(bool isLong, std::uint32_t& value);
     bool _FitsInFile(std::uint64_t bytes, std::int64_t fileSize) const;
+    std::uint64_t _BytesLeft(std::int64_t fileSize) const;
     bool _ReadRawValues(std::size_t count, bool isLong, std::int64_t fileSize, const unsigned char*& raw,
                         std::size_t& got);
-    bool _ReadCoordinates(std::size_t count, bool isLong, std::size_t stride, std::int64_t fileSize);
+    bool _ReadCoordinates(std::size_t& count, bool isLong, std::size_t stride, std::int64_t fileSize);
     // Formats a short line through a 20-byte buffer, so that a longer one is cut, and writes it.
     bool _WriteShortLine(const char* format, ...) __attribute__((format(printf, 2, 3)));
 

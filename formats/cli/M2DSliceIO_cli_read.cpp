@@ -6,6 +6,7 @@
 
 #include "../../contracts/StringConversion.h"
 #include "../../framework/ConvertKernels.h"
+#include "CliText.h"
 #include "M2DSliceIO_cli.h"
 
 namespace {
@@ -26,36 +27,21 @@ M2DSliceVectorTypeInfo HatchLabel(std::int32_t id)
     return label;
 }
 
-// The pieces of text between the separators; an empty text gives one empty piece.
-void Split(const std::string& text, char separator, std::vector<std::string>& pieces)
-{
-    pieces.clear();
-    std::size_t start = 0;
-    for (std::size_t end; (end = text.find(separator, start)) != std::string::npos; start = end + 1)
-        pieces.emplace_back(text, start, end - start);
-    pieces.emplace_back(text, start);
-}
-
-bool StartsWith(const std::string& text, const char* prefix)
-{
-    return text.compare(0, std::strlen(prefix), prefix) == 0;
-}
-
-// The number behind the "/" of a piece such as "$$POLYLINE/3".
-int IdOf(const std::string& piece) { return std::stoi(piece.substr(piece.find('/') + 1)); }
-
 } // namespace
 
 bool M2DSliceIO_cli::_ReadHeader(ITarget2DSlices* /*target*/)
 {
+    // Every search ends at the end of the file as it is now, so a device or a file that grows
+    // without end cannot keep the reader searching.
+    const std::int64_t size = _file.GET_SIZE();
     _file.REWIND();
-    if (!_file.SEARCH_STRING("$$HEADEREND", -1, true))
-        return false;
+    if (!_file.SEARCH_STRING("$$HEADEREND", size, true))
+        return _Fail("no \"$$HEADEREND\" in the file");
     const std::int64_t h = _file.TELL();
 
     _file.REWIND();
     if (!_file.SEARCH_STRING("$$HEADERSTART", h, true))
-        return false;
+        return _Fail("no \"$$HEADERSTART\" before \"$$HEADEREND\"");
 
     _file.REWIND();
     _isAscii = _file.SEARCH_STRING("$$ASCII", h, true);
@@ -63,19 +49,23 @@ bool M2DSliceIO_cli::_ReadHeader(ITarget2DSlices* /*target*/)
     {
         _file.REWIND();
         if (!_file.SEARCH_STRING("$$BINARY", h, true))
-            return false;
+            return _Fail("the header has neither \"$$ASCII\" nor \"$$BINARY\"");
     }
 
     float units = 0.0f;
     _file.REWIND();
-    if (!_file.SEARCH_STRING("$$UNITS/", h, true) || !_ReadTextValue(units))
-        return false;
+    if (!_file.SEARCH_STRING("$$UNITS/", h, true))
+        return _Fail("the header has no \"$$UNITS/\"");
+    if (!_ReadTextValue(units))
+        return _Fail("\"$$UNITS/\" has no number");
     _properties.InverseResolution = static_cast<std::int32_t>(std::lroundf(1.0f / units));
 
     unsigned short version = 0; // required, neither kept nor checked
     _file.REWIND();
-    if (!_file.SEARCH_STRING("$$VERSION/", h, true) || !_ReadTextValue(version))
-        return false;
+    if (!_file.SEARCH_STRING("$$VERSION/", h, true))
+        return _Fail("the header has no \"$$VERSION/\"");
+    if (!_ReadTextValue(version))
+        return _Fail("\"$$VERSION/\" has no number");
 
     _file.SEEK(h, 0);
     if (_isAscii && _layerTexts.empty())
@@ -126,14 +116,18 @@ bool M2DSliceIO_cli::_FetchLayer(ILayerInput& input, bool readVectors)
 bool M2DSliceIO_cli::_FetchBinaryLayer(ILayerInput& input, bool readVectors)
 {
     unsigned short command = 0;
-    if (_file.ReadInt16(&command, 1) != 2)
-        return false;
+    const std::int64_t at = _file.TELL();
+    const std::size_t got = _file.ReadInt16(&command, 1);
+    if (got == 0)
+        return false; // the end of the layers
+    if (got != 2)
+        return _FailAt("the file ends inside a layer command", at);
     double z;
     if (command == LayerLong)
     {
         float value;
         if (_file.ReadFloat(&value, 1) != 4)
-            return false;
+            return _FailAt("the file ends inside a layer's height", at);
         _coordinatesType = Long;
         z = value;
     }
@@ -141,12 +135,12 @@ bool M2DSliceIO_cli::_FetchBinaryLayer(ILayerInput& input, bool readVectors)
     {
         unsigned short value;
         if (_file.ReadInt16(&value, 1) != 2)
-            return false;
+            return _FailAt("the file ends inside a layer's height", at);
         _coordinatesType = Short;
         z = value;
     }
     else
-        return false;
+        return _FailAt("expected a layer command (127 or 128), found " + std::to_string(command), at);
     input.SetZ(Round(z * _GetConversionFactor()));
     _contourStartX = _contourStartY = _lastEndX = _lastEndY = M2DSLICE_UNSET;
 
@@ -159,8 +153,10 @@ bool M2DSliceIO_cli::_FetchBinaryLayer(ILayerInput& input, bool readVectors)
             return _file.SEEK(-2, 1); // the next layer begins
         const bool isLong = command == PolylineLong || command == HatchesLong;
         std::uint32_t id;
-        if (command < PolylineShort || command > HatchesLong || !_ReadField(isLong, id))
-            return false;
+        if (command < PolylineShort || command > HatchesLong)
+            return _FailAt("unknown record command " + std::to_string(command), _file.TELL() - 2);
+        if (!_ReadField(isLong, id))
+            return true; // the file ends inside a record's head: the layer ends with it
         if (command == PolylineShort || command == PolylineLong)
         {
             if (!_ReadPolyline(input, isLong, fileSize))
@@ -193,38 +189,50 @@ bool M2DSliceIO_cli::_ReadField(bool isLong, std::uint32_t& value)
     return true;
 }
 
+std::uint64_t M2DSliceIO_cli::_BytesLeft(std::int64_t fileSize) const
+{
+    const std::int64_t left = fileSize - _file.TELL();
+    return left > 0 ? static_cast<std::uint64_t>(left) : 0;
+}
+
 bool M2DSliceIO_cli::_FitsInFile(std::uint64_t bytes, std::int64_t fileSize) const
 {
     const std::int64_t left = fileSize - _file.TELL();
     return left >= 0 && bytes <= static_cast<std::uint64_t>(left);
 }
 
-// Reads the raw bytes of count values of a record into _buffer, after checking that the file
-// holds them; raw points at them and got is the number of whole values read. False when the
-// file is too short. (An empty record is fine: then got is 0 and raw may be null.)
+// Reads the raw bytes of count values of a record into _buffer, or as many whole values as the
+// file still holds; raw points at them and got is the number of whole values read. (An empty
+// record is fine: then got is 0 and raw may be null.)
 bool M2DSliceIO_cli::_ReadRawValues(std::size_t count, bool isLong, std::int64_t fileSize,
                                     const unsigned char*& raw, std::size_t& got)
 {
     const std::size_t width = isLong ? 4 : 2;
-    const std::size_t bytes = count * width;
-    if (!_FitsInFile(bytes, fileSize))
-        return false;
+    std::size_t bytes = count * width;
+    const bool cut = !_FitsInFile(bytes, fileSize);
+    if (cut)
+        bytes = static_cast<std::size_t>(_BytesLeft(fileSize) / width * width);
     if (_buffer.size() < bytes)
         _buffer.resize(bytes);
     got = _file.ReadBytes(_buffer.data(), bytes) / width;
+    if (cut)
+        _file.SEEK(fileSize, 0); // the record takes the rest of the file, a part-value included
     raw = reinterpret_cast<const unsigned char*>(_buffer.data());
     return true;
 }
 
-// Reads count coordinates of the record into _coords, in internal units, after checking
-// that the file holds them. Should a read still come up short, each missing coordinate
-// keeps the value of the same coordinate stride places before it (0 for the first ones).
-bool M2DSliceIO_cli::_ReadCoordinates(std::size_t count, bool isLong, std::size_t stride, std::int64_t fileSize)
+// Reads up to count coordinates of the record into _coords, in internal units, and sets
+// count to the number there are: the whole record, or when the file ends inside it, the
+// groups of stride coordinates it begins. A coordinate missing from the last group keeps the
+// value of the same coordinate stride places before it (0 for the first group).
+bool M2DSliceIO_cli::_ReadCoordinates(std::size_t& count, bool isLong, std::size_t stride, std::int64_t fileSize)
 {
     std::size_t got;
     const unsigned char* raw;
     if (!_ReadRawValues(count, isLong, fileSize, raw, got))
         return false;
+    if (got < count)
+        count = (got + stride - 1) / stride * stride;
     if (_coords.size() < count)
         _coords.resize(count);
     int* out = _coords.data();
@@ -237,9 +245,15 @@ bool M2DSliceIO_cli::_ReadCoordinates(std::size_t count, bool isLong, std::size_
 bool M2DSliceIO_cli::_ReadPolyline(ILayerInput& input, bool isLong, std::int64_t fileSize)
 {
     std::uint32_t dir, n;
-    if (!_ReadField(isLong, dir) || !_ReadField(isLong, n) || dir > 2 ||
-        !_ReadCoordinates(std::size_t{n} * 2, isLong, 2, fileSize))
+    if (!_ReadField(isLong, dir) || !_ReadField(isLong, n))
+        return true; // the file ends inside the record's head
+    if (dir > 2)
+        return _FailAt("a polyline record has direction " + std::to_string(dir) + " (0, 1 or 2 expected)",
+                       _file.TELL() - (isLong ? 8 : 4));
+    std::size_t count = std::size_t{n} * 2;
+    if (!_ReadCoordinates(count, isLong, 2, fileSize))
         return false;
+    n = static_cast<std::uint32_t>(count / 2);
     const int* p = _coords.data();
     if (dir < 2)
     {
@@ -288,14 +302,23 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, std::int32_t 
 {
     std::uint32_t n;
     if (!_ReadField(isLong, n))
-        return false;
+        return true; // the file ends inside the record's head
     const std::size_t width = isLong ? 4 : 2;
     const std::size_t vectorBytes = 4 * width;
     const std::uint64_t bytes = std::uint64_t{n} * vectorBytes;
-    if (!_FitsInFile(bytes, fileSize))
-        return false;
+    const std::uint64_t left = _BytesLeft(fileSize);
     if (!readVectors)
-        return _file.SEEK(static_cast<std::int64_t>(bytes), 1);
+    {
+        // Skipped; a record cut by the end of the file takes the layer to the end with it.
+        return _file.SEEK(static_cast<std::int64_t>(std::min(bytes, left)), 1);
+    }
+    if (bytes > left)
+    {
+        // The file ends inside the record: what is there is read, a vector cut short keeps
+        // the previous values of its missing coordinates, and vectors the file does not hold
+        // at all are not made up.
+        n = static_cast<std::uint32_t>((left / width + 3) / 4);
+    }
 
     // The file holds the n vectors, so n is a fair reserve.
     input.StartVectorBlock(HatchLabel(id), n);
@@ -363,47 +386,7 @@ bool M2DSliceIO_cli::_FetchAsciiLayer(ILayerInput& input)
 {
     if (_layerTextIndex >= _layerTexts.size())
         return false;
-    const double c = _GetConversionFactor();
-    std::vector<std::string> lines, pieces;
-    Split(_layerTexts[_layerTextIndex], '\n', lines);
-    input.SetZ(Round(std::stod(lines[0]) * c));
-    for (std::size_t l = 1; l < lines.size(); ++l)
-    {
-        const std::string& line = lines[l];
-        if (line.size() > 10 && StartsWith(line, "$$POLYLINE/"))
-        {
-            Split(line, ',', pieces);
-            const int id = IdOf(pieces.at(0));
-            const int dir = std::stoi(pieces.at(1));
-            const int n = std::stoi(pieces.at(2));
-            input.StartContour(e2DSliceVectorType_Border);
-            input.SetContourClosed(dir != 2);
-            input.SetContourOuter(dir == 1);
-            for (int i = 0; i < n; ++i)
-            {
-                const double x = std::stod(pieces.at(3 + 2 * std::size_t(i)));
-                const double y = std::stod(pieces.at(4 + 2 * std::size_t(i)));
-                input.AddContourPoint(Round(x * c), Round(y * c));
-            }
-            input.EndContour(true);
-            if (M2DSliceVectorTypeInfo* label = input.GetContourTypeInfo())
-                label->SetIndex(e2DSliceVectorTypeIndex_Part, id);
-        }
-        else if (line.size() > 9 && StartsWith(line, "$$HATCHES/"))
-        {
-            Split(line, ',', pieces);
-            const int id = IdOf(pieces.at(0));
-            const int n = std::stoi(pieces.at(1));
-            input.StartVectorBlock(HatchLabel(id), 0);
-            for (int i = 0; i < n; ++i)
-            {
-                int v[4];
-                for (std::size_t k = 0; k < 4; ++k)
-                    v[k] = Round(std::stod(pieces.at(2 + 4 * std::size_t(i) + k)) * c);
-                input.AddVector(M2DSliceVector(v[0], v[1], v[2], v[3]));
-            }
-        }
-    }
+    CliText::ReadLayerText(_layerTexts[_layerTextIndex], _GetConversionFactor(), input);
     ++_layerTextIndex;
     return true;
 }

@@ -321,9 +321,11 @@ void ExpectSameBuild(const std::vector<const ISource2DSlices*>& written, const I
         {
             EXPECT_EQ(want.Points, got.Points) << "points";
         }
+        // Formats may number parts their own way (CLI by the slice's place); what must hold is
+        // that parts stay apart.
         if (!(losses & FormatLoss_Parts))
         {
-            EXPECT_EQ(want.Parts, got.Parts) << "part ids";
+            EXPECT_EQ(want.Parts.size(), got.Parts.size()) << "number of parts";
         }
     }
 }

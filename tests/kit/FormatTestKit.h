@@ -91,7 +91,8 @@ std::unique_ptr<M2DSliceStack> RoundTrip(short code, const std::vector<const ISo
 // for the FormatLoss bits in losses and for coordinates tolerance internal units off: layer
 // count and heights always; contours (count, points, closed) unless the format loses them;
 // vectors (count, ends) with contours counted as their segments where they come back as
-// vectors; point counts unless lost; part ids unless lost.
+// vectors; point counts unless lost; the number of distinct part ids unless lost (a format may
+// renumber them).
 void ExpectSameBuild(const std::vector<const ISource2DSlices*>& written, const ISource2DSlices& read, unsigned losses,
                      int tolerance);
 

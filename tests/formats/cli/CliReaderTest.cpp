@@ -221,10 +221,27 @@ TEST(M2DSliceIO_cliReader, AsciiFile)
         EXPECT_TRUE(reader.OpenFile(Wide(path), I2DSliceIO::Read) && reader.ReadHeader(nullptr));
         reader.ReadLayer(slice, nullptr, true);
     };
-    EXPECT_THROW(read("abc\n"), std::invalid_argument);
-    EXPECT_THROW(read("1\n$$POLYLINE/1,1,3,0,0,1,1\n"), std::out_of_range);
-    EXPECT_THROW(read("1\n$$HATCHES/x,1,0,0,1,1\n"), std::invalid_argument);
-    EXPECT_THROW(read("1\n$$HATCHES/1,1,0,0,1e999,1\n"), std::out_of_range);
+    // Callers match the texts of the exceptions.
+    const auto thrown = [&](const std::string& layer) -> std::string {
+        try
+        {
+            read(layer);
+        }
+        catch (const std::invalid_argument& e)
+        {
+            return std::string("invalid_argument: ") + e.what();
+        }
+        catch (const std::out_of_range& e)
+        {
+            return std::string("out_of_range: ") + e.what();
+        }
+        return "nothing";
+    };
+    EXPECT_EQ(thrown("abc\n"), "invalid_argument: invalid stod argument");
+    EXPECT_EQ(thrown("1\n$$POLYLINE/1,1,3,0,0,1,1\n"), "out_of_range: invalid vector subscript");
+    EXPECT_EQ(thrown("1\n$$HATCHES/x,1,0,0,1,1\n"), "invalid_argument: invalid stoi argument");
+    EXPECT_EQ(thrown("1\n$$HATCHES/1,99999999999,0,0,1,1\n"), "out_of_range: stoi argument out of range");
+    EXPECT_EQ(thrown("1\n$$HATCHES/1,1,0,0,1e999,1\n"), "out_of_range: stod argument out of range");
 }
 
 TEST(M2DSliceIO_cliReader, TruncatedOrCorruptedFilesEndCleanly)
@@ -248,17 +265,59 @@ TEST(M2DSliceIO_cliReader, TruncatedOrCorruptedFilesEndCleanly)
             }
         }
     }
-    // Counts far beyond the file are refused before anything is allocated for them.
+    // Counts far beyond the file: what the file holds is read, nothing is made up beyond it and
+    // nothing is allocated for the count.
     const std::string path = dir.File("counts.cli");
     for (std::uint32_t n : {0xffffffffu, 0x7fffffffu, 0x40000000u})
     {
-        WriteFile(path, Bytes().text(Header("1")).u16(127).f32(0).u16(132).u32(0).u32(n).f32(0).s);
+        WriteFile(path, Bytes().text(Header("1")).u16(127).f32(0).u16(132).u32(0).u32(n).f32(2).s);
         M2DSliceIO_cli io;
-        EXPECT_TRUE(ReadCli(io, path).empty());
-        WriteFile(path, Bytes().text(Header("1")).u16(127).f32(0).u16(130).u32(0).u32(1).u32(n).f32(0).s);
-        EXPECT_TRUE(ReadCli(io, path).empty());
-        EXPECT_TRUE(ReadCli(io, path, false).empty());
+        std::vector<M2DSlice> layers = ReadCli(io, path);
+        ASSERT_EQ(layers.size(), 1u);
+        ASSERT_EQ(layers[0].GetVectors()->GetTotalNumVectors(), 1u) << "one vector begun, its end made of zeros";
+        EXPECT_EQ(layers[0].GetVectors()->GetVectorBlock(0)->Vectors[0], M2DSliceVector(20000, 0, 0, 0));
+        layers = ReadCli(io, path, false);
+        ASSERT_EQ(layers.size(), 1u) << "skipped hatches keep the layer";
+        EXPECT_EQ(layers[0].GetVectors()->GetNumVectorBlocks(), 0u);
+        WriteFile(path, Bytes().text(Header("1")).u16(127).f32(0).u16(130).u32(0).u32(1).u32(n).f32(3).s);
+        layers = ReadCli(io, path);
+        ASSERT_EQ(layers.size(), 1u);
+        ASSERT_EQ(layers[0].GetSliceBorder()->GetNumContours(), 1u);
+        EXPECT_EQ(PointsOf(*layers[0].GetSliceBorder()->GetContour(0)), (Points{{30000, 0}}));
     }
+}
+
+TEST(M2DSliceIO_cliReader, RefusalsSayWhy)
+{
+    ScratchDir dir;
+    const std::string path = dir.File("why.cli");
+    const auto reason = [&](const std::string& bytes, bool layer) {
+        WriteFile(path, bytes);
+        M2DSliceIO_cli io;
+        EXPECT_TRUE(io.OpenFile(Wide(path), I2DSliceIO::Read));
+        if (!io.ReadHeader(nullptr))
+            return io.GetFailureReason();
+        M2DSlice slice;
+        while (layer && io.ReadLayer(slice, nullptr, true))
+        {
+        }
+        return io.GetFailureReason();
+    };
+    EXPECT_EQ(reason("", false), "header: no \"$$HEADEREND\" in the file");
+    EXPECT_EQ(reason("$$HEADEREND", false), "header: no \"$$HEADERSTART\" before \"$$HEADEREND\"");
+    EXPECT_EQ(reason("$$HEADERSTART$$UNITS/1$$HEADEREND", false),
+              "header: the header has neither \"$$ASCII\" nor \"$$BINARY\"");
+    EXPECT_EQ(reason("$$HEADERSTART$$BINARY$$VERSION/200$$HEADEREND", false), "header: the header has no \"$$UNITS/\"");
+    EXPECT_EQ(reason("$$HEADERSTART$$BINARY$$VERSION/200$$UNITS/x$$HEADEREND", false),
+              "header: \"$$UNITS/\" has no number");
+    EXPECT_EQ(reason(Bytes().text(Header("1")).u16(127).f32(0).u16(127).s, true), "layer 1: the file ends inside a layer's height at offset " +
+                                                                           std::to_string(Header("1").size() + 6));
+    EXPECT_EQ(reason(Bytes().text(Header("1")).u16(127).f32(0).u16(140).s, true),
+              "layer 0: unknown record command 140 at offset " + std::to_string(Header("1").size() + 6));
+    EXPECT_EQ(reason(Bytes().text(Header("1")).u16(127).f32(0).u16(130).u32(0).u32(7).u32(0).s, true),
+              "layer 0: a polyline record has direction 7 (0, 1 or 2 expected) at offset " +
+                  std::to_string(Header("1").size() + 6 + 6));
+    EXPECT_EQ(reason(Bytes().text(Header("1")).u16(127).f32(0).s, true), "") << "the clean end has no reason";
 }
 
 TEST(M2DSliceIO_cliReader, LargeHatchRecordsRoundEveryCoordinateExactly)

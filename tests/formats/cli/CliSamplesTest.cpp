@@ -100,6 +100,44 @@ TEST(M2DSliceIO_cliSamples, RefusedWithoutVersion)
         bool headerOk = true;
         EXPECT_TRUE(ReadCli(io, kDir + name, true, &headerOk).empty());
         EXPECT_FALSE(headerOk) << name;
+        // The reason names what is missing.
+        ASSERT_TRUE(io.OpenFile(Wide(kDir + name), I2DSliceIO::Read));
+        EXPECT_FALSE(io.ReadHeader(nullptr));
+        EXPECT_EQ(io.GetFailureReason(), "header: the header has no \"$$VERSION/\"") << name;
+        io.CloseFile();
+    }
+}
+
+TEST(M2DSliceIO_cliSamples, ACutBinaryFileKeepsItsPartialLastLayer)
+{
+    SKIP_WITHOUT_SAMPLES();
+    ScratchDir dir;
+    const std::vector<M2DSlice> whole = ReadSample(dir, "gyroplane_binary.cli");
+    const std::string bytes = ReadFile(dir.File("gyroplane_binary.cli"));
+    for (std::size_t cut : {std::size_t{10}, std::size_t{3}, std::size_t{1}})
+    {
+        WriteFile(dir.File("cut.cli"), bytes.substr(0, bytes.size() - cut));
+        for (bool readVectors : {true, false})
+        {
+            M2DSliceIO_cli io;
+            io.GetReadOptions().VectorBlocks.MergeBlocks = false;
+            const std::vector<M2DSlice> layers = ReadCli(io, dir.File("cut.cli"), readVectors);
+            ASSERT_EQ(layers.size(), whole.size()) << cut << " bytes cut";
+            const M2DSliceContourLayer& last = *layers.back().GetSliceBorder();
+            const M2DSliceContourLayer& full = *whole.back().GetSliceBorder();
+            ASSERT_EQ(last.GetNumContours(), full.GetNumContours());
+            // The file ends in the last polyline (11 points of 8 bytes): a point it no longer
+            // holds at all is gone, and a point whose y is cut keeps the y of the point before.
+            const Points got = PointsOf(*last.GetContour(last.GetNumContours() - 1));
+            const Points want = PointsOf(*full.GetContour(full.GetNumContours() - 1));
+            ASSERT_EQ(got.size(), want.size() - (cut > 8 ? 1 : 0));
+            // (The reader turns the contour round, so compare the points, not their places.)
+            std::size_t kept = 0;
+            for (const auto& p : got)
+                kept += std::find(want.begin(), want.end(), p) != want.end();
+            EXPECT_GE(kept, got.size() - 1);
+            EXPECT_LT(kept, want.size());
+        }
     }
 }
 

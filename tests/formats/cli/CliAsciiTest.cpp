@@ -1,0 +1,177 @@
+// ASCII CLI, code 56: the text written line by line, the stricter header check, and the quirks
+// callers meet (a resolution of 6 read two ways, an empty layer counted but not written).
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "BuildGenerator.h"
+#include "FormatTestKit.h"
+#include "formats/cli/M2DSliceIO_cli_ascii.h"
+#include "framework/LocalClock.h"
+#include "framework/M2DSliceContainerIO.h"
+#include "framework/M2DSliceIOFactory.h"
+#include "tests/TestSupport.h"
+
+using namespace ts;
+
+namespace {
+
+std::string Today()
+{
+    std::tm local{};
+    LocalNow(local);
+    char date[16];
+    std::strftime(date, sizeof date, "%d%m%y", &local);
+    return date;
+}
+
+std::string Header(const std::string& units, const std::string& dimension, int layers)
+{
+    return "$$HEADERSTART\n$$ASCII\n$$UNITS/" + units + "\n$$VERSION/200\n$$LABEL/1,part1\n$$DATE/" + Today() +
+           "\n$$DIMENSION/" + dimension + "\n$$LAYERS/" + std::to_string(layers) + "\n$$HEADEREND\n$$GEOMETRYSTART\n";
+}
+
+bool Write(const M2DSliceStack& stack, const std::string& path, std::int32_t resolution, int modelStart = 1)
+{
+    auto io = std::make_shared<M2DSliceIO_cli_ascii>();
+    io->SetModelStartIndex(modelStart);
+    std::shared_ptr<I2DSliceIO> base = io;
+    M2DSliceContainerIO driver(base);
+    return driver.WriteContainer(stack, Wide(path), 10000, resolution, nullptr);
+}
+
+// Reads the header of a hand-written file with the given reader; the reason when refused.
+std::string HeaderReason(I2DSliceIO& io, const std::string& path, const std::string& text)
+{
+    WriteFile(path, text);
+    EXPECT_TRUE(io.OpenFile(Wide(path), I2DSliceIO::Read));
+    const bool ok = io.ReadHeader(nullptr);
+    io.CloseFile();
+    return ok ? "" : io.GetFailureReason();
+}
+
+} // namespace
+
+TEST(M2DSliceIO_cli_ascii, WritesTheTextLineByLine)
+{
+    ScratchDir dir;
+    // Squares of 5 mm at (1 mm, 2 mm) growing by 0.1 mm, with two hatch lines, at 0.5 and 1 mm.
+    const auto stack = MakeStack({5000, 10000});
+    ASSERT_TRUE(Write(*stack, dir.File("a.cli"), 1000));
+    // Steps of 1/1000 mm; the closed contour from the point before the first, backwards, with
+    // the first repeated; hatches x1, y1, x2, y2.
+    const std::string expected =
+        Header("0.001", "1,2,0.5,6.1,7.1,1", 2) +
+        "$$LAYER/500\n"
+        "$$POLYLINE/1,1,5,6000,2000,6000,7000,1000,7000,1000,2000,6000,2000\n"
+        "$$HATCHES/1,2,1000,3660,6000,3660,1000,5320,6000,5320\n"
+        "$$LAYER/1000\n"
+        "$$POLYLINE/1,1,5,6100,2000,6100,7100,1000,7100,1000,2000,6100,2000\n"
+        "$$HATCHES/1,2,1000,3700,6100,3700,1000,5400,6100,5400\n"
+        "$$GEOMETRYEND\n";
+    EXPECT_TRUE(kit::SameBytes(expected, ReadFile(dir.File("a.cli"))));
+
+    // A model start index of 5 numbers the slices from 5; the label line stays.
+    ASSERT_TRUE(Write(*MakeStack({5000}), dir.File("b.cli"), 1000, 5));
+    const std::string b = ReadFile(dir.File("b.cli"));
+    EXPECT_NE(b.find("$$LABEL/1,part1\n"), std::string::npos);
+    EXPECT_NE(b.find("$$POLYLINE/5,1,5,"), std::string::npos);
+    EXPECT_NE(b.find("$$HATCHES/5,2,"), std::string::npos);
+
+    // One block of 70,000 hatches is one line.
+    M2DSliceStack big;
+    M2DSlice slice;
+    slice.SetZ(1000);
+    AddHatches(slice, std::vector<M2DSliceVector>(70000, M2DSliceVector(0, 0, 10, 10)));
+    big.AddSlice(slice, true);
+    ASSERT_TRUE(Write(big, dir.File("c.cli"), 1000));
+    const std::string c = ReadFile(dir.File("c.cli"));
+    EXPECT_NE(c.find("$$HATCHES/1,70000,"), std::string::npos);
+    EXPECT_EQ(std::count(c.begin(), c.end(), '\n'), 13);
+}
+
+TEST(M2DSliceIO_cli_ascii, HeaderCheckIsStrict)
+{
+    ScratchDir dir;
+    const std::string path = dir.File("h.cli");
+    M2DSliceIO_cli_ascii io;
+    const std::string body = "$$LAYER/1\n$$LAYER/2\n$$LAYER/3\n";
+    const auto head = [](const std::string& version, const std::string& dims, const std::string& layers) {
+        return "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$VERSION/" + version + "\n$$DIMENSION/" + dims + "\n$$LAYERS/" +
+               layers + "\n$$HEADEREND\n";
+    };
+    EXPECT_EQ(HeaderReason(io, path, head("200", "0,0,1,1,1,3", "3") + body), "");
+    EXPECT_EQ(HeaderReason(io, path, head("199", "0,0,1,1,1,3", "3") + body),
+              "header: \"$$VERSION/\" is 199, below 200");
+    EXPECT_EQ(HeaderReason(io, path, head("200", "0,0,1,1,1", "3") + body),
+              "header: \"$$DIMENSION/\" has 5 values, not 6");
+    EXPECT_EQ(HeaderReason(io, path, head("200", "0,0,1,1,1,3", "4") + body),
+              "header: \"$$LAYERS/\" says 4 but the file has 3 \"$$LAYER/\" lines");
+    EXPECT_EQ(HeaderReason(io, path, "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$VERSION/200\n$$LAYERS/0\n$$HEADEREND\n"),
+              "header: the header has no \"$$DIMENSION/\"");
+    // The looser reader of code 0 takes the last one.
+    M2DSliceIO_cli loose;
+    EXPECT_EQ(HeaderReason(loose, path, "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$VERSION/200\n$$LAYERS/0\n$$HEADEREND\n"), "");
+
+    // The header's values reach the target's properties, in internal units; one layer divides
+    // by zero and is accepted.
+    WriteFile(path, head("200", "1,2,0.5,6,7,1.5", "3") + body);
+    M2DSliceStack stack;
+    M2DSliceContainerIO driver(56);
+    ASSERT_TRUE(driver.ReadContainer(stack, Wide(path), true, nullptr));
+    std::int32_t value = 0;
+    EXPECT_TRUE(stack.GetProperties()->GetValue(L"SliceThickness", value));
+    EXPECT_EQ(value, 5000);
+    EXPECT_TRUE(stack.GetProperties()->GetValue(L"JobXMax", value));
+    EXPECT_EQ(value, 60000);
+    EXPECT_TRUE(stack.GetProperties()->GetValue(L"JobZMin", value));
+    EXPECT_EQ(value, 5000);
+    EXPECT_EQ(stack.GetNumSlices(), 3u);
+    EXPECT_EQ(HeaderReason(io, path, head("200", "0,0,1,1,1,1", "1") + "$$LAYER/1\n"), "");
+}
+
+TEST(M2DSliceIO_cli_ascii, RoundTripsAndItsQuirksStay)
+{
+    ScratchDir dir;
+    BuildGenerator build(BuildShape::Rich(4, 1));
+    std::string reason;
+    const auto stack = kit::RoundTrip(56, {&build}, dir.File("r.cli"), 10000, 1000, &reason);
+    ASSERT_TRUE(stack) << reason;
+    kit::ExpectSameBuild({&build}, *stack, FormatRegistry::ForCode(56)->Losses | FormatLoss_OpenContours, 5);
+
+    // A resolution of 6 writes "$$UNITS/0.166667": code 0 rounds 1 / 0.166667 to 6, code 56
+    // truncates it to 5, so the same file reads at two scales.
+    ASSERT_TRUE(Write(*MakeStack({6000}), dir.File("six.cli"), 6));
+    for (const auto& [code, resolution] : {std::pair<short, int>{0, 6}, {56, 5}})
+    {
+        auto io = M2DSliceIOFactory::GetSliceIO(code);
+        ASSERT_TRUE(io->OpenFile(dir.WFile("six.cli"), I2DSliceIO::Read) && io->ReadHeader(nullptr)) << code;
+        M2DSliceContainerIOProperties properties;
+        io->GetIoProperties(properties);
+        EXPECT_EQ(properties.InverseResolution, resolution) << code;
+        io->CloseFile();
+    }
+
+    // A layer with nothing in it is counted in "$$LAYERS/" but not written, and code 56 then
+    // refuses the file that code 0 reads.
+    auto withEmpty = MakeStack({5000, 15000});
+    M2DSlice empty;
+    empty.SetZ(10000);
+    withEmpty->AddSlice(empty, true);
+    ASSERT_TRUE(Write(*withEmpty, dir.File("e.cli"), 1000));
+    const std::string text = ReadFile(dir.File("e.cli"));
+    EXPECT_NE(text.find("$$LAYERS/3\n"), std::string::npos);
+    M2DSliceStack strict, loose;
+    EXPECT_FALSE(M2DSliceContainerIO(56).ReadContainer(strict, dir.WFile("e.cli"), true, nullptr));
+    EXPECT_TRUE(M2DSliceContainerIO(0).ReadContainer(loose, dir.WFile("e.cli"), true, nullptr));
+    EXPECT_EQ(loose.GetNumSlices(), 2u);
+
+    kit::SweepOptions options;
+    options.MaxCases = 400;
+    options.Documented = [](const std::exception& e) {
+        return dynamic_cast<const std::invalid_argument*>(&e) || dynamic_cast<const std::out_of_range*>(&e);
+    };
+    const std::string bytes = ReadFile(dir.File("r.cli"));
+    kit::SweepTruncations(56, bytes, options);
+    kit::SweepCorruptions(56, bytes, options);
+}
