@@ -571,6 +571,10 @@ TEST(M2DSliceIO_clf, RoundTripsTheRichBuildPartByPartAndSurvivesTheSweeps)
         EXPECT_EQ(slice.GetVectors()->GetTotalNumVectors(), stack->GetSlice(i)->GetVectors()->GetTotalNumVectors());
     }
 
+    // A copy of the iterator reads on its own.
+    const M2DSliceContainerIterator copy(it);
+    EXPECT_EQ(copy.GetSlice(4)->GetZ(), stack->GetSlice(4)->GetZ());
+
     kit::SweepOptions options;
     options.MaxCases = 900;
     options.Documented = IsDocumented;
