@@ -10,6 +10,7 @@
 // sectioned
 
 // clf
+#include "../formats/clf/M2DSliceIO_clf.h"
 
 // gcode
 
@@ -56,6 +57,8 @@ I2DSliceIO* CreateSliceIO(short code)
     // SLM (47), compressed SLM build file (48), MTT (51)
 
     // CLF (49)
+    case 49:
+        return new M2DSliceIO_clf();
 
     // G-code (50)
 
