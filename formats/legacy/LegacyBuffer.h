@@ -18,7 +18,12 @@ class OutBuffer
 public:
     static constexpr std::size_t kFlushBytes = 1 << 18;
 
-    explicit OutBuffer(MFile& file) : _file(file) { _bytes.reserve(kFlushBytes + 4096); }
+    // storage is the format's own, kept from layer to layer so that its room is made once.
+    OutBuffer(MFile& file, std::vector<char>& storage) : _file(file), _bytes(storage)
+    {
+        _bytes.clear();
+        _bytes.reserve(kFlushBytes + 4096);
+    }
     OutBuffer(const OutBuffer&) = delete;
     OutBuffer& operator=(const OutBuffer&) = delete;
 
@@ -53,7 +58,7 @@ public:
 
 private:
     MFile& _file;
-    std::vector<char> _bytes;
+    std::vector<char>& _bytes;
 };
 
 } // namespace legacy

@@ -87,7 +87,7 @@ bool M2DSliceIO_fs::_WriteLayer(const std::vector<const ISource2DSlices*>& /*sou
     for (std::uint16_t count : table.Segments)
         total = static_cast<std::uint16_t>(total + count);
 
-    legacy::OutBuffer out(_file);
+    legacy::OutBuffer out(_file, _out);
     char* head = out.Grow(kHeadBytes);
     std::memset(head, 0, kHeadBytes);
     head[0] = 6;

@@ -38,6 +38,7 @@ protected:
     bool _FetchLayer(ILayerInput& input, bool flag);
 
 private:
+    std::vector<char> _out; // records on their way to the file
     EPartType _partType = PartTypeDefault;
     std::vector<int> _coords;
     std::vector<M2DSliceVector> _vectors;

@@ -147,7 +147,7 @@ bool M2DSliceIO_slc::_WriteLayer(const std::vector<const ISource2DSlices*>& sour
     std::vector<const M2DSlice*> slices;
     _GetSlicesFromItems(items, slices);
     const auto f = static_cast<float>(_GetConversionFactor());
-    legacy::OutBuffer out(_file);
+    legacy::OutBuffer out(_file, _out);
     out.LE<float>(static_cast<float>(z) / f);
 
     std::uint64_t boundaries = 0;
@@ -184,7 +184,7 @@ bool M2DSliceIO_slc::_WriteFooter(const std::vector<const ISource2DSlices*>& /*s
 {
     const auto f = static_cast<float>(_GetConversionFactor());
     const std::int64_t top = std::int64_t{_properties.Dimensions.ZMax} + _properties.LayerThickness;
-    legacy::OutBuffer out(_file);
+    legacy::OutBuffer out(_file, _out);
     out.LE<float>(static_cast<float>(top) / f);
     out.LE<std::uint32_t>(kEndOfLayers);
     return out.Flush() || _Fail("the end record could not be written");

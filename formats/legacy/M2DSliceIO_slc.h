@@ -48,6 +48,7 @@ protected:
                                             std::vector<EstimatedRange>& layers);
 
 private:
+    std::vector<char> _out; // records on their way to the file
     // The six extents behind "-EXTENTS ", each 16 characters wide, in the pattern
     // "a, b c, d e, f ".
     bool _WriteExtents(const double values[6]);

@@ -171,7 +171,7 @@ bool M2DSliceIO_sli_3ds::_WriteLayer(const std::vector<const ISource2DSlices*>& 
     std::vector<const M2DSlice*> slices;
     _GetSlicesFromItems(items, slices);
     const double f = _GetConversionFactor();
-    legacy::OutBuffer out(_file);
+    legacy::OutBuffer out(_file, _out);
     out.LE<std::uint8_t>(0);
     // The height is truncated, without the half the coordinates get.
     const double scaledZ = static_cast<double>(z) / f;

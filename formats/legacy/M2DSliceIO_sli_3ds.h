@@ -36,6 +36,7 @@ protected:
     bool _FetchLayer(ILayerInput& input, bool vectors);
 
 private:
+    std::vector<char> _out; // records on their way to the file
     // Reads the number behind a header key within the first limit bytes.
     bool _ReadHeaderValue(const char* key, std::int64_t limit, unsigned short& value);
 

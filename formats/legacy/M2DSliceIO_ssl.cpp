@@ -99,7 +99,7 @@ bool M2DSliceIO_ssl::_WriteLayer(const std::vector<const ISource2DSlices*>& sour
     const MSliceFileParameters* parameters = sources.empty() || !sources[0] ? nullptr : sources[0]->GetSliceParameters();
     const std::int32_t thickness = parameters ? parameters->LayerThickness : 0;
 
-    legacy::OutBuffer out(_file);
+    legacy::OutBuffer out(_file, _out);
     out.Text("Z ");
     PutPair(out, static_cast<float>(slice->GetZ()) / unit, static_cast<float>(thickness) / unit);
     for (const M2DSliceContour& contour : *slice->GetSliceBorder())

@@ -38,6 +38,7 @@ protected:
     bool _ReadStringWithSkipDelimitersOnBegin(char* out, const char* delimiters, std::uint64_t size);
 
 private:
+    std::vector<char> _out; // records on their way to the file
     // X by hand (digits, then a fraction after '.' or ','), Y as a header value; both in
     // internal units.
     bool _ReadPoint(int& x, int& y);
