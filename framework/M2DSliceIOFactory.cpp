@@ -4,6 +4,10 @@
 #include "../formats/cli/M2DSliceIO_cli.h"
 
 // legacy
+#include "../formats/legacy/M2DSliceIO_fs.h"
+#include "../formats/legacy/M2DSliceIO_slc.h"
+#include "../formats/legacy/M2DSliceIO_sli_3ds.h"
+#include "../formats/legacy/M2DSliceIO_ssl.h"
 
 // zff
 
@@ -51,6 +55,14 @@ I2DSliceIO* CreateSliceIO(short code)
         return NewCli(M2DSliceIO_cli::Short);
 
     // SLI (3), SLC (4), SSL (5), F&S (6)
+    case 3:
+        return new M2DSliceIO_sli_3ds();
+    case 4:
+        return new M2DSliceIO_slc();
+    case 5:
+        return new M2DSliceIO_ssl();
+    case 6:
+        return new M2DSliceIO_fs();
 
     // ZFF (44, 45, 46)
 
