@@ -12,6 +12,7 @@
 // clf
 
 // gcode
+#include "../formats/gcode/M2DSliceIO_gcode.h"
 
 // wza
 
@@ -56,6 +57,8 @@ I2DSliceIO* CreateSliceIO(short code)
     // CLF (49)
 
     // G-code (50)
+    case 50:
+        return new M2DSliceIO_gcode();
 
     // WZA (54)
 
