@@ -20,12 +20,16 @@ void DeriveLine(const char* p, const char* end, bool& x, bool& y, bool& z, bool&
     if (p == end || (*p != 'G' && *p != 'g'))
         return;
     ++p;
-    const char* number = p;
+    int code = 0;
+    int digits = 0;
     while (p < end && std::isdigit(static_cast<unsigned char>(*p)))
+    {
+        if (digits++ < 3)
+            code = code * 10 + (*p - '0');
         ++p;
-    const std::string word(number, p);
-    const bool setting = word == "92";
-    const bool homing = word == "28";
+    }
+    const bool setting = digits == 2 && code == 92;
+    const bool homing = digits == 2 && code == 28;
     if (!setting && !homing)
         return;
     if (p < end && *p != ' ' && *p != '\t' && *p != ';' && *p != '\r')

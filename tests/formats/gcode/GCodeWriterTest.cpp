@@ -1,5 +1,7 @@
 // The first G-code writer: lines worked out by hand from the line rules, the extrusion
 // formula, the time estimate, nozzle changes and the machine-only layers.
+#include <cmath>
+#include <cstdio>
 #include <ctime>
 
 #include "GCodeTestSupport.h"
@@ -360,4 +362,41 @@ TEST(GCodeWriter, HookKeysAndRichLineMarks)
     EXPECT_EQ(marks("G28 X Y"), "XY");
     EXPECT_EQ(marks("M104 S0\nG92 E0\nT1"), "E");
     EXPECT_EQ(marks("G920 E0"), "");
+}
+
+TEST(GCodeWriter, NumbersPrintAsPrintfDoes)
+{
+    // Every number goes out as "%g" or "%.Nf" would print it, whatever shortcut is taken.
+    std::uint64_t seed = 12345;
+    const auto next = [&]() {
+        seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+        return seed >> 11;
+    };
+    for (int i = 0; i < 400000; ++i)
+    {
+        double v;
+        switch (i % 5)
+        {
+        case 0: v = (static_cast<std::int64_t>(next() % 40000000001ull) - 20000000000ll) / 10000.0; break;
+        case 1: v = (static_cast<std::int64_t>(next() % 200001) - 100000) / 10000.0 + (next() % 3) * 1e-9; break;
+        case 2: v = std::ldexp(static_cast<double>(next()), static_cast<int>(next() % 120) - 100) * ((next() & 1) ? -1 : 1); break;
+        case 3: v = static_cast<double>(next() % 20000000) / 10000.0 * 0.0332601; break;
+        default: v = (next() % 2000000) * 0.5 / 10000.0; break; // ties at the sixth digit
+        }
+        char expected[512];
+        GCodeText text;
+        std::snprintf(expected, sizeof expected, "%g", v);
+        text.General(v);
+        ASSERT_EQ(text.Line(), expected) << v;
+        for (int d : {1, 5, 6})
+        {
+            text.Clear();
+            std::snprintf(expected, sizeof expected, "%.*f", d, v);
+            text.Fixed(v, d);
+            ASSERT_EQ(text.Line(), expected) << v << " with " << d;
+        }
+    }
+    GCodeText text;
+    text.General(-0.0).Text(" ").Fixed(-1e-12, 6).Text(" ").General(1e8).Text(" ").Fixed(0.0000005, 6).Text(" ").Fixed(0.0000015, 6);
+    EXPECT_EQ(text.Line(), "-0 -0.000000 1e+08 0.000000 0.000002");
 }
