@@ -17,6 +17,7 @@
 #include "../formats/clf/M2DSliceIO_clf.h"
 
 // gcode
+#include "../formats/gcode/M2DSliceIO_gcode.h"
 
 // wza
 
@@ -73,6 +74,8 @@ I2DSliceIO* CreateSliceIO(short code)
         return new M2DSliceIO_clf();
 
     // G-code (50)
+    case 50:
+        return new M2DSliceIO_gcode();
 
     // WZA (54)
 

@@ -370,8 +370,11 @@ int RunConvert(const ConvertOptions& options)
                 }
             }
     }
+    // A hook may hand over a writer of its own (one that no code reaches).
+    std::shared_ptr<I2DSliceIO> io = setup.Replacement ? setup.Replacement : writer.GetSliceIO();
+    M2DSliceContainerIO driver(io);
     // Empty layers are written, so that the header's count, the layers and a reread agree.
-    setup.Writer->GetWriteOptions().WriteEmptyLayers = true;
+    io->GetWriteOptions().WriteEmptyLayers = true;
     const std::int32_t resolution = setup.InverseResolution;
 
     M2DSliceSourceVector joined;
@@ -396,7 +399,7 @@ int RunConvert(const ConvertOptions& options)
     caught.clear();
     try
     {
-        written = writer.WriteContainers(sources, WidePath(out), setup.UnitConversion, resolution, nullptr);
+        written = driver.WriteContainers(sources, WidePath(out), setup.UnitConversion, resolution, nullptr);
     }
     catch (const std::exception& e)
     {
@@ -405,8 +408,8 @@ int RunConvert(const ConvertOptions& options)
     progress.Clear();
     if (!written)
     {
-        if (caught.empty() && !writer.GetSliceIO()->GetFailureReason().empty())
-            caught = ": " + writer.GetSliceIO()->GetFailureReason();
+        if (caught.empty() && !io->GetFailureReason().empty())
+            caught = ": " + io->GetFailureReason();
         // Only a regular file is taken away: OUT may name a device such as /dev/stdout.
         const bool removed = fs::is_regular_file(out, ec) && fs::remove(out, ec);
         throw Failure(fmt::format("{}: writing {} failed{}; {}", out, FindFormat(outCode)->Name, caught,
