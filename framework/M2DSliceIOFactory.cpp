@@ -6,6 +6,7 @@
 // legacy
 
 // zff
+#include "../formats/zff/M2DSliceIO_zff.h"
 
 // sectioned
 
@@ -50,6 +51,13 @@ I2DSliceIO* CreateSliceIO(short code)
     // SLI (3), SLC (4), SSL (5), F&S (6)
 
     // ZFF (44, 45, 46)
+    case 44:
+    case 45:
+    case 46: {
+        auto* io = new M2DSliceIO_zff();
+        io->SetHatched(true);
+        return io;
+    }
 
     // SLM (47), compressed SLM build file (48), MTT (51)
 
