@@ -1,4 +1,5 @@
 #pragma once
+#include "../framework/Export.h"
 #include <memory>
 #include <vector>
 
@@ -7,7 +8,7 @@
 // Puts the vector blocks of a layer's slices into the order a writer hands them on in.
 // blocks holds pointers into the slices; an empty list is first filled with every block of the
 // slices, slice by slice in chain order.
-class I2DSliceOperatorSort
+class SLICEIO_API I2DSliceOperatorSort
 {
 public:
     virtual ~I2DSliceOperatorSort() = default;

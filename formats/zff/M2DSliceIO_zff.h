@@ -14,7 +14,7 @@
 #include "ZffMetaData.h"
 
 // The text header's elements as a map of names to texts, and the names of its parts.
-class XMLHEaderReader : public MXMLExpat
+class SLICEIO_API XMLHEaderReader : public MXMLExpat
 {
 public:
     std::map<std::string, std::string>& GetValues() { return _values; }
@@ -40,7 +40,7 @@ private:
 };
 
 // One distinct scan setting met while reading.
-struct build_properties
+struct SLICEIO_API build_properties
 {
     float LaserSpeed = 0.0f;
     float LaserFocus = 0.0f;
@@ -62,7 +62,7 @@ struct ZffSliceContour
 // sections to the end of the file. Each layer is sized completely before it is written, so the
 // file is written strictly forward. Scan values travel per block as attribute sections; on
 // reading, a block without some attribute keeps the value seen last.
-class M2DSliceIO_zff : public I2DSliceIO
+class SLICEIO_API M2DSliceIO_zff : public I2DSliceIO
 {
 public:
     // Section identifiers.
@@ -94,6 +94,8 @@ public:
     // Puts the setting into the target's "ScanParametersGeneric" list and build parameters.
     void AddNewProperty(const build_properties& properties);
     const std::vector<build_properties>& GetBuildProperties() const { return _buildProperties; }
+    // The texts of the header read last ("Origin", "Layers", "Zunit", "xmin", ...).
+    const std::map<std::string, std::string>& GetHeaderValues() { return _headerReader.GetValues(); }
 
 protected:
     bool _OpenFile(const std::wstring& path, MOpenMode mode) override;

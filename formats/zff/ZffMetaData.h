@@ -3,9 +3,11 @@
 #include <map>
 #include <string>
 
+#include "../../framework/Export.h"
+
 // The scan values a ZFF writer gives each contour and vector block: attribute sections keyed
 // by a 16-bit identifier, each an integer or a float.
-class ZffVectorAttributes
+class SLICEIO_API ZffVectorAttributes
 {
 public:
     struct ZffVectorAttribute
@@ -58,7 +60,7 @@ using ZffVectorAttributeSet = std::map<std::int16_t, ZffVectorAttributes>;
 // What a caller tells a ZFF writer beyond the geometry: the header's texts and layer
 // thickness, the attributes of each part's vector kinds, and extra attribute names for the
 // header.
-class ZffMetaData
+class SLICEIO_API ZffMetaData
 {
 public:
     void SetLayerThickness(std::int32_t thickness) { _layerThickness = thickness; }
