@@ -82,7 +82,7 @@ M2DSliceIO_zff::~M2DSliceIO_zff() = default;
 
 bool M2DSliceIO_zff::_OpenFile(const std::wstring& /*path*/, MOpenMode /*mode*/)
 {
-    _out.clear();
+    _staged = 0;
     _writeFailed = false;
     return true;
 }

@@ -169,6 +169,10 @@ private:
     std::vector<int> _coords;
     std::vector<M2DSliceVector> _vectors;
     // Writing: bytes on their way to the file, and the layer's sizing.
-    std::vector<unsigned char> _out;
+    // A staging area of fixed size, small enough to stay in the cache: filled in place and
+    // written out whenever the next piece does not fit.
+    unsigned char* _Room(std::size_t bytes);
+    std::unique_ptr<unsigned char[]> _out;
+    std::size_t _staged = 0;
     bool _writeFailed = false;
 };

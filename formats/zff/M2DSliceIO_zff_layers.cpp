@@ -12,8 +12,8 @@ namespace {
 
 using ConvertKernels::Round;
 
-// Bytes on their way to the file go out whenever they grow past this.
-constexpr std::size_t kFlushBytes = 1 << 20;
+// Bytes on their way to the file are staged in pieces of at most this.
+constexpr std::size_t kStageBytes = 1 << 16;
 
 // The attribute key of a contour or block: its parameter index, or its base kind when it has
 // none; the key is a 16-bit number.
@@ -52,19 +52,37 @@ struct BlockPlan
 
 bool M2DSliceIO_zff::_Flush()
 {
-    if (!_out.empty() && !WriteAll(_file, _out))
+    if (_staged > 0 && !WriteAll(_file, _out.get(), _staged))
         _writeFailed = true;
-    _out.clear();
+    _staged = 0;
     return !_writeFailed || _Fail("the file could not be written");
+}
+
+// Room for bytes (at most kStageBytes) at the end of the staged ones, writing these out first
+// when they would not fit; the caller fills the room at once.
+unsigned char* M2DSliceIO_zff::_Room(std::size_t bytes)
+{
+    if (!_out)
+        _out.reset(new unsigned char[kStageBytes]);
+    if (_staged + bytes > kStageBytes)
+        _Flush();
+    unsigned char* at = _out.get() + _staged;
+    _staged += bytes;
+    return at;
 }
 
 bool M2DSliceIO_zff::_WriteData(const void* data, std::int64_t size, std::int64_t& remaining)
 {
     if (size < 0)
         return false;
-    const auto* bytes = static_cast<const unsigned char*>(data);
-    _out.insert(_out.end(), bytes, bytes + size);
     remaining -= size;
+    const auto* bytes = static_cast<const unsigned char*>(data);
+    for (std::int64_t done = 0; done < size;)
+    {
+        const std::size_t n = std::min<std::size_t>(kStageBytes, static_cast<std::size_t>(size - done));
+        std::memcpy(_Room(n), bytes + done, n);
+        done += static_cast<std::int64_t>(n);
+    }
     return true;
 }
 
@@ -127,16 +145,13 @@ bool M2DSliceIO_zff::_WriteContourData(const ZffSliceContour* contour, std::int6
     if (!_WriteSectionHeader(SectionContourData, size, remaining))
         return false;
     const double c = _GetConversionFactor();
-    const std::size_t at = _out.size();
-    _out.resize(at + 8 * std::size_t{contour->Contour->GetNumPoints()});
-    unsigned char* p = _out.data() + at;
     for (const auto& point : *contour->Contour)
     {
+        unsigned char* p = _Room(8);
         ByteOrder::StoreLE<float>(p, static_cast<float>(point.x / c));
         ByteOrder::StoreLE<float>(p + 4, static_cast<float>(point.y / c));
-        p += 8;
     }
-    remaining -= static_cast<std::int64_t>(_out.size() - at);
+    remaining -= 8 * std::int64_t{contour->Contour->GetNumPoints()};
     return true;
 }
 
@@ -145,18 +160,21 @@ bool M2DSliceIO_zff::_WriteHatchData(const M2DSliceVectorBlock* block, std::int6
     if (!_WriteSectionHeader(SectionHatchData, size, remaining))
         return false;
     const double c = _GetConversionFactor();
-    const std::size_t at = _out.size();
-    _out.resize(at + 16 * block->Vectors.size());
-    unsigned char* p = _out.data() + at;
-    for (const M2DSliceVector& v : block->Vectors)
+    const M2DSliceVector* v = block->Vectors.data();
+    for (std::size_t left = block->Vectors.size(); left > 0;)
     {
-        ByteOrder::StoreLE<float>(p, static_cast<float>(v.x1 / c));
-        ByteOrder::StoreLE<float>(p + 4, static_cast<float>(v.y1 / c));
-        ByteOrder::StoreLE<float>(p + 8, static_cast<float>(v.x2 / c));
-        ByteOrder::StoreLE<float>(p + 12, static_cast<float>(v.y2 / c));
-        p += 16;
+        const std::size_t n = std::min(left, kStageBytes / 16);
+        unsigned char* p = _Room(16 * n);
+        for (const M2DSliceVector* end = v + n; v != end; ++v, p += 16)
+        {
+            ByteOrder::StoreLE<float>(p, static_cast<float>(v->x1 / c));
+            ByteOrder::StoreLE<float>(p + 4, static_cast<float>(v->y1 / c));
+            ByteOrder::StoreLE<float>(p + 8, static_cast<float>(v->x2 / c));
+            ByteOrder::StoreLE<float>(p + 12, static_cast<float>(v->y2 / c));
+        }
+        left -= n;
     }
-    remaining -= static_cast<std::int64_t>(_out.size() - at);
+    remaining -= 16 * static_cast<std::int64_t>(block->Vectors.size());
     return true;
 }
 
@@ -225,8 +243,6 @@ bool M2DSliceIO_zff::_WriteLayer(const std::vector<const ISource2DSlices*>& sour
         _WriteSectionHeader(SectionContourBlock, 6 + entry.Attributes.GetAttributeSizeInFile() + points, remaining);
         _WriteAttributes(entry.Attributes, remaining);
         _WriteContourData(&entry, points, remaining);
-        if (_out.size() >= kFlushBytes && !_Flush())
-            return false;
     }
     for (const M2DSliceVectorBlock* b : blocks)
     {
@@ -234,8 +250,6 @@ bool M2DSliceIO_zff::_WriteLayer(const std::vector<const ISource2DSlices*>& sour
         _WriteSectionHeader(SectionHatchBlock, plan.Size, remaining);
         _WriteAttributes(plan.Attributes, remaining);
         _WriteHatchData(b, 16 * static_cast<std::int64_t>(b->Vectors.size()), remaining);
-        if (_out.size() >= kFlushBytes && !_Flush())
-            return false;
     }
     if (remaining != 0)
         return _Fail("the layer's sections do not add up to its size");
