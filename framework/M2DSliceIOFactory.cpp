@@ -10,6 +10,7 @@
 #include "../formats/legacy/M2DSliceIO_ssl.h"
 
 // zff
+#include "../formats/zff/M2DSliceIO_zff.h"
 
 // sectioned
 
@@ -66,6 +67,13 @@ I2DSliceIO* CreateSliceIO(short code)
         return new M2DSliceIO_fs();
 
     // ZFF (44, 45, 46)
+    case 44:
+    case 45:
+    case 46: {
+        auto* io = new M2DSliceIO_zff();
+        io->SetHatched(true);
+        return io;
+    }
 
     // SLM (47), compressed SLM build file (48), MTT (51)
 
