@@ -206,8 +206,7 @@ void PrepareCli(WriterSetup& setup)
     if (setup.Code == 56)
     {
         if (setup.Sources.size() > 1)
-            setup.Notes.push_back(fmt::format("{} parts, part names not kept (the ASCII header labels part1 only)",
-                                              setup.Sources.size()));
+            setup.Notes.push_back("part names not kept (the ASCII header labels part1 only)");
         return;
     }
     // The binary writer numbers the parts from 0 and names them "part1", "part2", ...
