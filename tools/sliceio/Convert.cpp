@@ -318,7 +318,11 @@ int RunConvert(const ConvertOptions& options)
     progress.Clear();
     if (!read)
         throw Failure(DescribeReadFailure(inFormat, in, reader.get(), caught) + "; nothing was written");
-    if (declared.DeclaredLayers >= 0 && static_cast<std::uint64_t>(declared.DeclaredLayers) != stack.GetNumSlices())
+    if (declared.DeclaredLayers >= 0 && static_cast<std::uint64_t>(declared.DeclaredLayers) < stack.GetNumSlices())
+        std::fprintf(stderr, "sliceio: warning: %s: the file declares %lld layers but holds %llu; all are converted\n",
+                     in.c_str(), static_cast<long long>(declared.DeclaredLayers),
+                     static_cast<unsigned long long>(stack.GetNumSlices()));
+    if (declared.DeclaredLayers >= 0 && static_cast<std::uint64_t>(declared.DeclaredLayers) > stack.GetNumSlices())
         throw Failure(fmt::format("{}: the file declares {} layers but {} could be read; it may be truncated or "
                                   "damaged ('sliceio check' tells more); nothing was written",
                                   in, declared.DeclaredLayers, stack.GetNumSlices()));
