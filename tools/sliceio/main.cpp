@@ -19,10 +19,13 @@ Commands:
   formats
       List the file-type codes, the formats they name, their usual extensions and
       whether this build can read and write them.
-  info FILE [--type CODE] [--layers] [--json]
+  info FILE [--type CODE] [--layers] [--json [--declared]]
       Scan a slice file and print its layer count, lowest and highest height, layer
       thickness, extents and totals (contours, vector blocks, contour length, surface
-      area). --layers adds one row per layer, --json prints one JSON object instead.
+      area), what the header declares and a warning line for each thing that does
+      not add up. --layers adds one row per layer, --json prints one JSON object
+      instead (with "warnings" when there are some, and with --declared a "declared"
+      object: layer count, extents, part labels and the format's own rows).
   convert IN OUT [--type CODE] [--to CODE] [--units mm|inch] [--resolution N]
           [--layers A:B] [--contours-as-vectors | --no-contours] [--drop-empty-layers]
           [--input-units VALUE] [--settings FILE.json]
@@ -82,6 +85,7 @@ int Dispatch(int argc, char** argv)
     infoCommand->add_option("--type", info.Type);
     infoCommand->add_flag("--layers", info.Layers);
     infoCommand->add_flag("--json", info.Json);
+    infoCommand->add_flag("--declared", info.Declared);
 
     CheckOptions check;
     CLI::App* checkCommand = app.add_subcommand("check");
