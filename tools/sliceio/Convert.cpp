@@ -358,6 +358,9 @@ int RunConvert(const ConvertOptions& options)
     setup.UnitConversion = unitConversion;
     setup.InverseResolution = options.Resolution ? *options.Resolution : DefaultResolution(reader, unitConversion);
     setup.ScaleGiven = options.Resolution.has_value() || options.Units.has_value();
+    // Empty layers are written, so that the header's count, the layers and a reread agree; a
+    // format that cannot hold them may turn this off in its hooks.
+    setup.Writer->GetWriteOptions().WriteEmptyLayers = true;
     if (family)
     {
         setup.Settings = SectionOf(settings, family->Family);
@@ -374,8 +377,6 @@ int RunConvert(const ConvertOptions& options)
                 }
             }
     }
-    // Empty layers are written, so that the header's count, the layers and a reread agree.
-    setup.Writer->GetWriteOptions().WriteEmptyLayers = true;
     const std::int32_t resolution = setup.InverseResolution;
 
     M2DSliceSourceVector joined;

@@ -24,7 +24,7 @@ namespace sliceio {
 struct WriterSetup
 {
     short Code = 0;               // the output's file-type code
-    I2DSliceIO* Writer = nullptr; // made by the factory for Code
+    I2DSliceIO* Writer = nullptr; // made by the factory for Code; its WriteEmptyLayers is on
     nlohmann::json Settings = nlohmann::json::object(); // the family's section, {} when absent
     // The input as read: one source per part (with "PartID"/"PartName" properties where the
     // input names parts), its layer thickness in internal units (0: unknown).
