@@ -318,7 +318,11 @@ int RunConvert(const ConvertOptions& options)
     progress.Clear();
     if (!read)
         throw Failure(DescribeReadFailure(inFormat, in, reader.get(), caught) + "; nothing was written");
-    if (declared.DeclaredLayers >= 0 && static_cast<std::uint64_t>(declared.DeclaredLayers) != stack.GetNumSlices())
+    if (declared.DeclaredLayers >= 0 && static_cast<std::uint64_t>(declared.DeclaredLayers) < stack.GetNumSlices())
+        std::fprintf(stderr, "sliceio: warning: %s: the file declares %lld layers but holds %llu; all are converted\n",
+                     in.c_str(), static_cast<long long>(declared.DeclaredLayers),
+                     static_cast<unsigned long long>(stack.GetNumSlices()));
+    if (declared.DeclaredLayers >= 0 && static_cast<std::uint64_t>(declared.DeclaredLayers) > stack.GetNumSlices())
         throw Failure(fmt::format("{}: the file declares {} layers but {} could be read; it may be truncated or "
                                   "damaged ('sliceio check' tells more); nothing was written",
                                   in, declared.DeclaredLayers, stack.GetNumSlices()));
@@ -354,6 +358,9 @@ int RunConvert(const ConvertOptions& options)
     setup.UnitConversion = unitConversion;
     setup.InverseResolution = options.Resolution ? *options.Resolution : DefaultResolution(reader, unitConversion);
     setup.ScaleGiven = options.Resolution.has_value() || options.Units.has_value();
+    // Empty layers are written, so that the header's count, the layers and a reread agree; a
+    // format that cannot hold them may turn this off in its hooks.
+    setup.Writer->GetWriteOptions().WriteEmptyLayers = true;
     if (family)
     {
         setup.Settings = SectionOf(settings, family->Family);
@@ -370,11 +377,12 @@ int RunConvert(const ConvertOptions& options)
                 }
             }
     }
-    // A hook may hand over a writer of its own (one that no code reaches).
+    // A hook may hand over a writer of its own (one that no code reaches); it writes empty
+    // layers as the factory's writer was set to.
     std::shared_ptr<I2DSliceIO> io = setup.Replacement ? setup.Replacement : writer.GetSliceIO();
+    if (setup.Replacement)
+        io->GetWriteOptions().WriteEmptyLayers = setup.Writer->GetWriteOptions().WriteEmptyLayers;
     M2DSliceContainerIO driver(io);
-    // Empty layers are written, so that the header's count, the layers and a reread agree.
-    io->GetWriteOptions().WriteEmptyLayers = true;
     const std::int32_t resolution = setup.InverseResolution;
 
     M2DSliceSourceVector joined;

@@ -25,7 +25,7 @@ namespace sliceio {
 struct WriterSetup
 {
     short Code = 0;               // the output's file-type code
-    I2DSliceIO* Writer = nullptr; // made by the factory for Code
+    I2DSliceIO* Writer = nullptr; // made by the factory for Code; its WriteEmptyLayers is on
     // Set by a hook that writes with an object no code reaches (the second G-code writer):
     // the conversion then writes with this one instead of Writer.
     std::shared_ptr<I2DSliceIO> Replacement;

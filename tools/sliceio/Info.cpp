@@ -118,7 +118,7 @@ void JsonExtents(nlohmann::ordered_json& out, const Extents& e)
 }
 
 std::string Json(const std::string& path, const InputFormat& format, const M2DSliceContainerIterator& it,
-                 bool layerTable, const FileReport& report)
+                 bool layerTable, const FileReport& report, bool declared)
 {
     const auto& table = it.GetLayerTable();
     const M2DSliceContainerScanInfo& totals = it.GetTotals();
@@ -138,17 +138,24 @@ std::string Json(const std::string& path, const InputFormat& format, const M2DSl
     out["vector_blocks"] = totals.NumVectorBlocks;
     out["contour_length_mm"] = JsonNumber(Millimetres(totals.ContourLength));
     out["surface_area_mm2"] = JsonNumber(SquareMillimetres(totals.SurfaceArea));
-    if (report.DeclaredLayers >= 0)
-        out["declared_layers"] = report.DeclaredLayers;
-    for (const auto& row : report.Rows)
-        out[row.first] = row.second;
-    if (!report.Parts.empty())
+    // What the header declares, on request, so that the keys above stay the same for every
+    // format; warnings whenever there are some.
+    if (declared)
     {
-        out["parts"] = nlohmann::ordered_json::object();
+        nlohmann::ordered_json header = nlohmann::ordered_json::object();
+        if (report.DeclaredLayers >= 0)
+            header["layers"] = report.DeclaredLayers;
+        if (report.ExtentsDeclared)
+            header["extents_mm"] = report.DeclaredExtents;
+        for (const auto& row : report.Rows)
+            header[row.first] = row.second;
+        header["parts"] = nlohmann::ordered_json::object();
         for (const auto& [part, properties] : report.Parts)
-            out["parts"][std::to_string(part)] = properties;
+            header["parts"][std::to_string(part)] = properties;
+        out["declared"] = header;
     }
-    out["warnings"] = report.Warnings;
+    if (!report.Warnings.empty())
+        out["warnings"] = report.Warnings;
     if (layerTable)
     {
         out["layer_table"] = nlohmann::ordered_json::array();
@@ -240,7 +247,7 @@ int RunInfo(const InfoOptions& options)
     if (report.DeclaredLayers >= 0 && static_cast<std::uint64_t>(report.DeclaredLayers) != it->GetLayerTable().size())
         report.Warnings.push_back(fmt::format("the file declares {} layers but {} were read; 'sliceio check' tells more",
                                               report.DeclaredLayers, it->GetLayerTable().size()));
-    const std::string out = options.Json ? Json(path, format, *it, options.Layers, report)
+    const std::string out = options.Json ? Json(path, format, *it, options.Layers, report, options.Declared)
                                          : Text(path, format, *it, options.Layers, report);
     std::fwrite(out.data(), 1, out.size(), stdout);
     return 0;

@@ -1,6 +1,8 @@
 #include "Settings.h"
 
 #include <climits>
+#include <cstdio>
+#include <set>
 #include <fstream>
 #include <sstream>
 
@@ -257,6 +259,7 @@ void ApplyGeneralSettings(const nlohmann::json& file, const std::vector<PartSour
     if (file.contains("parts"))
     {
         const nlohmann::json& settings = file["parts"];
+        std::set<std::string> used = {"*"};
         for (PartSource* part : parts)
         {
             const auto* name = part->Properties().GetPropertyOfType<std::wstring>(L"PartName");
@@ -264,8 +267,16 @@ void ApplyGeneralSettings(const nlohmann::json& file, const std::vector<PartSour
             // Least specific first: every part, then by id, then by name.
             for (const std::string& key : {std::string("*"), std::to_string(part->GetPart()), partName})
                 if (!key.empty() && settings.contains(key))
+                {
                     ApplyPart(*part, settings[key], "settings: \"parts\".\"" + key + "\"");
+                    used.insert(key);
+                }
         }
+        // A key that names no part is most likely a typing error: say so, and go on.
+        for (const auto& entry : settings.items())
+            if (!used.count(entry.key()))
+                std::fprintf(stderr, "sliceio: warning: settings: \"parts\".\"%s\" names no part of the input\n",
+                             entry.key().c_str());
     }
     if (file.contains("labels"))
     {

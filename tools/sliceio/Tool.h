@@ -74,6 +74,7 @@ struct InfoOptions
     std::optional<std::string> Type;
     bool Layers = false;
     bool Json = false;
+    bool Declared = false; // --json: add what the header declares
 };
 
 struct CheckOptions

@@ -19,15 +19,31 @@ Commands:
   formats
       List the file-type codes, the formats they name, their usual extensions and
       whether this build can read and write them.
-  info FILE [--type CODE] [--layers] [--json]
+  info FILE [--type CODE] [--layers] [--json [--declared]]
       Scan a slice file and print its layer count, lowest and highest height, layer
       thickness, extents and totals (contours, vector blocks, contour length, surface
-      area). --layers adds one row per layer, --json prints one JSON object instead.
+      area), what the header declares and a warning line for each thing that does
+      not add up. --layers adds one row per layer, --json prints one JSON object
+      instead (with "warnings" when there are some, and with --declared a "declared"
+      object: layer count, extents, part labels and the format's own rows).
   convert IN OUT [--type CODE] [--to CODE] [--units mm|inch] [--resolution N]
-      Read IN and write it as OUT. The output format is --to, else OUT's extension
-      (.cli writes binary CLI with long coordinates). --units is the unit of the
-      output file (mm by default); --resolution the number of file steps per unit,
-      by default the step size of the input, or 1/1000 mm when the input has none.
+          [--layers A:B] [--contours-as-vectors | --no-contours] [--drop-empty-layers]
+          [--input-units VALUE] [--settings FILE.json]
+      Read IN and write it as OUT, one part of OUT per part of IN. The output format
+      is --to, else OUT's extension (.cli writes binary CLI with long coordinates).
+      --units is the unit of the output file (mm by default); --resolution the number
+      of file steps per unit, by default the step size of the input, or 1/1000 mm. A
+      format that reads back at one scale only gets that scale; an explicit one that
+      would not read back is refused. --layers takes layers A to B (from 0; A: and :B
+      are open). Empty layers are kept unless --drop-empty-layers. Contours become
+      vector blocks for formats that hold vectors only, or always with
+      --contours-as-vectors; --no-contours leaves them out. --input-units reads IN at
+      VALUE mm per step whatever its header says. --settings gives what the output
+      format needs and the input lacks (see the README); the last line says what was
+      carried and what was not.
+  convert --show-settings [--settings FILE.json]
+      Print the effective settings: general keys and every format's section with its
+      defaults, overlaid with the file.
   check FILE [--type CODE]
       Read every layer of FILE in full and compare what the file declares with what
       it holds; print one line per problem and exit with status 1 when there is any.
@@ -69,6 +85,7 @@ int Dispatch(int argc, char** argv)
     infoCommand->add_option("--type", info.Type);
     infoCommand->add_flag("--layers", info.Layers);
     infoCommand->add_flag("--json", info.Json);
+    infoCommand->add_flag("--declared", info.Declared);
 
     CheckOptions check;
     CLI::App* checkCommand = app.add_subcommand("check");

@@ -202,7 +202,14 @@ void PrepareCli(WriterSetup& setup)
             setup.Notes.push_back(fmt::format("resolution lowered to {} steps per mm for the short form", setup.InverseResolution));
         }
     }
-    // The writer numbers the parts from 0 and names them "part1", "part2", ...
+    // The ASCII writer numbers the parts from 1 and labels the first one only.
+    if (setup.Code == 56)
+    {
+        if (setup.Sources.size() > 1)
+            setup.Notes.push_back("part names not kept (the ASCII header labels part1 only)");
+        return;
+    }
+    // The binary writer numbers the parts from 0 and names them "part1", "part2", ...
     bool renamed = false;
     for (std::size_t i = 0; i < setup.SourceProperties.size(); ++i)
     {
