@@ -14,6 +14,7 @@
 // gcode
 
 // wza
+#include "../formats/wza/M2DSliceIO_wza.h"
 
 // jm
 #include "../formats/cli/M2DSliceIO_cli_ascii.h"
@@ -60,6 +61,8 @@ I2DSliceIO* CreateSliceIO(short code)
     // G-code (50)
 
     // WZA (54)
+    case 54:
+        return new M2DSliceIO_wza();
 
     // JM (55), ASCII CLI (56)
     case 55:
