@@ -112,6 +112,12 @@ M2DSliceIO_wza::~M2DSliceIO_wza()
 
 void M2DSliceIO_wza::SetJobName(const std::wstring& name) { _jobName = StringConversion::NativeToUtf8(name); }
 
+void M2DSliceIO_wza::SetMetaTexts(const std::wstring& material, const std::wstring& machineType)
+{
+    _material = StringConversion::NativeToUtf8(material);
+    _machineType = StringConversion::NativeToUtf8(machineType);
+}
+
 // ---------------------------------------------------------------- stream
 
 std::int64_t M2DSliceIO_wza::_TellFilePos() { return _stream ? static_cast<std::int64_t>(ftello(_stream)) : -1; }

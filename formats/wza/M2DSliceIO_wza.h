@@ -62,6 +62,8 @@ public:
     std::int32_t GetSliceHeight() const { return _sliceHeight; }
     void SetJobName(const std::wstring& name);
     void SetMachineTypeId(unsigned id) { _machineTypeId = id; }
+    // The meta items "Material" and "Machine Type".
+    void SetMetaTexts(const std::wstring& material, const std::wstring& machineType);
     void SetParts(std::list<WZAPartStructure> parts) { _parts = std::move(parts); }
     const std::list<WZAPartStructure>& GetParts() const { return _parts; }
     void SetSettings(std::vector<SettingVariant> settings) { _settings = std::move(settings); }

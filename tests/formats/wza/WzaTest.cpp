@@ -4,6 +4,9 @@
 
 #include <openssl/evp.h>
 
+#include <sys/wait.h>
+
+#include <cstdio>
 #include <cstring>
 
 #include "FormatTestKit.h"
@@ -594,4 +597,51 @@ TEST_F(WzaTest, RoundTripAndDamage)
     const std::string smallBytes = ts::ReadFile(path);
     kit::SweepTruncations(54, smallBytes);
     kit::SweepCorruptions(54, smallBytes);
+}
+
+// The tool: a CLI sample converts to WZA without a settings file (slice height from the
+// input's layer thickness, one part per part id with default scan values), reads back with its
+// layers and blocks, and `check` names a digest that does not match.
+TEST_F(WzaTest, ToolConvertsAndChecksTheDigest)
+{
+    if (std::string(SLICEIO_TOOL_PATH).empty())
+        GTEST_SKIP() << "no tool built";
+    auto run = [](const std::string& args, int* code = nullptr) {
+        std::string out;
+        std::FILE* pipe = popen(("'" SLICEIO_TOOL_PATH "' " + args + " 2>&1").c_str(), "r");
+        char buffer[4096];
+        for (std::size_t n; pipe && (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+            out.append(buffer, n);
+        const int status = pipe ? pclose(pipe) : -1;
+        if (code)
+            *code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return out;
+    };
+    const std::string cli = _dir.File("s.cli"), wza = _dir.File("s.wza"), back = _dir.File("back.cli");
+    int code = 0;
+    run("sample '" + cli + "'", &code);
+    ASSERT_EQ(code, 0);
+    const std::string converted = run("convert '" + cli + "' '" + wza + "'", &code);
+    ASSERT_EQ(code, 0) << converted;
+    EXPECT_NE(converted.find("slices of 0.05 mm"), std::string::npos) << converted;
+    const std::string info = run("info '" + wza + "'", &code);
+    EXPECT_NE(info.find("WZA job file (code 54)"), std::string::npos) << info;
+    EXPECT_NE(info.find("MD5 digest:       matches"), std::string::npos) << info;
+    EXPECT_NE(info.find("layers:           20"), std::string::npos) << info;
+    EXPECT_NE(info.find("vector blocks:    60"), std::string::npos) << info;
+    EXPECT_NE(info.find("lowest height:    0.0000 mm"), std::string::npos) << info; // one layer below the input
+    run("check '" + wza + "'", &code);
+    EXPECT_EQ(code, 0);
+    run("convert '" + wza + "' '" + back + "'", &code);
+    EXPECT_EQ(code, 0);
+
+    // Every record carries the default group of a hatch: code 2000, 1000 mm/s, 200 W, 0.1 mm.
+    std::string bytes = ts::ReadFile(wza);
+    EXPECT_NE(bytes.find(kit::Bytes().text("G").u32(2000).text("S").f32(1000).text("P").f32(200).text("F").f32(0.1f).s),
+              std::string::npos);
+    bytes[bytes.size() / 2] ^= 0x20;
+    ts::WriteFile(wza, bytes);
+    const std::string check = run("check '" + wza + "'", &code);
+    EXPECT_EQ(code, 1);
+    EXPECT_NE(check.find("MD5 digest at the end does not match"), std::string::npos) << check;
 }
