@@ -1,11 +1,16 @@
 // WZA job files: opening, the header both ways, the footer with its digest.
 #include "M2DSliceIO_wza.h"
 
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <ctime>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 
 #include <fmt/format.h>
 #include <openssl/evp.h>
@@ -35,38 +40,40 @@ std::string Utf8Path(const std::wstring& path) { return StringConversion::Native
 // cannot be read.
 std::string HexMD5OfFile(const std::wstring& path, std::int64_t length)
 {
-    std::FILE* f = std::fopen(Utf8Path(path).c_str(), "rb");
-    if (!f)
+    const int fd = ::open(Utf8Path(path).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
         return {};
+    posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     EVP_MD_CTX* ctx = EVP_MD_CTX_new();
     bool ok = ctx && EVP_DigestInit_ex(ctx, EVP_md5(), nullptr) == 1;
-    std::vector<unsigned char> buffer(1 << 20);
+    std::vector<unsigned char> buffer(std::size_t{1} << 18);
     std::int64_t left = length;
     while (ok && (length < 0 || left > 0))
     {
         std::size_t want = buffer.size();
         if (length >= 0 && static_cast<std::uint64_t>(left) < want)
             want = static_cast<std::size_t>(left);
-        const std::size_t got = std::fread(buffer.data(), 1, want, f);
-        if (got > 0)
-            ok = EVP_DigestUpdate(ctx, buffer.data(), got) == 1;
-        left -= static_cast<std::int64_t>(got);
-        if (got < want)
+        const ssize_t got = ::read(fd, buffer.data(), want);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
         {
-            ok = ok && !std::ferror(f) && length < 0;
+            ok = got == 0 && length < 0;
             break;
         }
+        ok = EVP_DigestUpdate(ctx, buffer.data(), static_cast<std::size_t>(got)) == 1;
+        left -= got;
     }
     unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned size = 0;
-    ok = ok && EVP_DigestFinal_ex(ctx, digest, &size) == 1;
+    unsigned digestSize = 0;
+    ok = ok && EVP_DigestFinal_ex(ctx, digest, &digestSize) == 1;
     EVP_MD_CTX_free(ctx);
-    std::fclose(f);
+    ::close(fd);
     if (!ok)
         return {};
     static const char kHex[] = "0123456789abcdef";
     std::string text;
-    for (unsigned i = 0; i < size; ++i)
+    for (unsigned i = 0; i < digestSize; ++i)
     {
         text += kHex[digest[i] >> 4];
         text += kHex[digest[i] & 15];
@@ -107,7 +114,10 @@ M2DSliceIO_wza::M2DSliceIO_wza(unsigned version, const std::wstring& jobName, co
 M2DSliceIO_wza::~M2DSliceIO_wza()
 {
     if (_stream)
+    {
+        _FlushOut();
         std::fclose(_stream);
+    }
 }
 
 void M2DSliceIO_wza::SetJobName(const std::wstring& name) { _jobName = StringConversion::NativeToUtf8(name); }
@@ -120,24 +130,54 @@ void M2DSliceIO_wza::SetMetaTexts(const std::wstring& material, const std::wstri
 
 // ---------------------------------------------------------------- stream
 
-std::int64_t M2DSliceIO_wza::_TellFilePos() { return _stream ? static_cast<std::int64_t>(ftello(_stream)) : -1; }
+std::int64_t M2DSliceIO_wza::_TellFilePos()
+{
+    if (!_stream)
+        return -1;
+    if (_writing)
+        return _outStart + static_cast<std::int64_t>(_out.size());
+    return static_cast<std::int64_t>(ftello(_stream));
+}
 
 bool M2DSliceIO_wza::_SeekFilePos(std::int64_t position)
 {
-    return _stream && fseeko(_stream, static_cast<off_t>(position), SEEK_SET) == 0;
+    if (!_stream)
+        return false;
+    _FlushOut();
+    const bool ok = fseeko(_stream, static_cast<off_t>(position), SEEK_SET) == 0;
+    if (_writing)
+        _outStart = ok ? position : static_cast<std::int64_t>(ftello(_stream));
+    return ok;
+}
+
+void M2DSliceIO_wza::_FlushOut()
+{
+    if (_stream && !_out.empty())
+        std::fwrite(_out.data(), 1, _out.size(), _stream);
+    _outStart += static_cast<std::int64_t>(_out.size());
+    _out.clear();
 }
 
 bool M2DSliceIO_wza::_OpenFile(const std::wstring& path, MOpenMode mode)
 {
     _filePath = path;
     if (_stream)
+    {
+        _FlushOut();
         std::fclose(_stream);
+    }
+    _out.clear();
+    _outStart = 0;
+    _writing = mode != Read;
     _stream = std::fopen(Utf8Path(path).c_str(), mode == Read ? "rb" : "wb");
     _fileSize = 0;
     if (_stream)
     {
-        // Layers are read and written in runs of many small fields.
-        std::setvbuf(_stream, nullptr, _IOFBF, 1 << 18);
+        // Reading takes many small fields; writing has a buffer of the class's own.
+        if (_writing)
+            std::setvbuf(_stream, nullptr, _IONBF, 0);
+        else
+            std::setvbuf(_stream, nullptr, _IOFBF, 1 << 18);
         struct stat info;
         if (mode == Read && fstat(fileno(_stream), &info) == 0)
             _fileSize = static_cast<std::int64_t>(info.st_size);
@@ -150,6 +190,7 @@ bool M2DSliceIO_wza::_CloseFile()
 {
     if (!_stream)
         return _Fail("the file is not open");
+    _FlushOut();
     const bool closed = std::fclose(_stream) == 0;
     _stream = nullptr;
     return closed || _Fail("the file could not be closed");
@@ -160,6 +201,12 @@ void M2DSliceIO_wza::_WriteText(const std::string& text) { _Write(text.c_str(), 
 // Writes a u32 at a remembered position and returns to back; false when a seek fails.
 bool M2DSliceIO_wza::_Patch32(std::int64_t at, std::uint32_t value, std::int64_t back)
 {
+    if (_writing && at >= _outStart && at + 4 <= _outStart + static_cast<std::int64_t>(_out.size()) &&
+        back == _TellFilePos())
+    {
+        ByteOrder::StoreLE<std::uint32_t>(_out.data() + (at - _outStart), value);
+        return true;
+    }
     bool ok = _SeekFilePos(at);
     _WriteLE<std::uint32_t>(value);
     ok = _SeekFilePos(back) && ok;
@@ -375,6 +422,8 @@ bool M2DSliceIO_wza::_WriteHeader(const std::vector<const ISource2DSlices*>& /*s
     if (_meltPoolMonitoring && _meltPoolMonitoring->Enabled)
         flags |= kFlagMonitoring;
     _WriteLE<std::uint8_t>(flags);
+    // The sections write to the stream itself.
+    _FlushOut();
     if (flags & kFlagMachine)
         _WriteHeaderMachineSettings();
     _WriteHeaderMetaData();
@@ -382,6 +431,7 @@ bool M2DSliceIO_wza::_WriteHeader(const std::vector<const ISource2DSlices*>& /*s
         _WritePerformsSettings();
     if (flags & kFlagMonitoring)
         _WriteMeltPoolMonitoringSettings();
+    _outStart = static_cast<std::int64_t>(ftello(_stream));
 
     _WriteLE<float>(_ConvertInternToSingle(_sliceHeight));
     _sliceCountPosition = _TellFilePos();
@@ -431,6 +481,7 @@ bool M2DSliceIO_wza::_WriteFooter(const std::vector<const ISource2DSlices*>& /*s
     _SeekFilePos(_sliceCountPosition);
     _WriteLE<std::uint32_t>(_layerCount);
     _SeekFilePos(end);
+    _FlushOut();
     std::fflush(_stream);
     const std::string digest = _MD5ForWZA();
     _Write(digest.data(), digest.size());

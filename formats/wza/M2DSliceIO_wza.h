@@ -135,11 +135,19 @@ private:
         return true;
     }
     // Unchecked writes, as the format's writer does not look at them.
+    // Writes go through a buffer of the class, so that a length patched while its bytes are
+    // still in the buffer costs no seek; older positions are patched by seeking.
     void _Write(const void* data, std::size_t n)
     {
-        if (_stream && n > 0)
-            std::fwrite(data, 1, n, _stream);
+        if (!_stream || n == 0)
+            return;
+        const auto* bytes = static_cast<const unsigned char*>(data);
+        _out.insert(_out.end(), bytes, bytes + n);
+        if (_out.size() >= kOutBuffer)
+            _FlushOut();
     }
+    // Hands the buffer to the stream; the stream's position is then the logical one.
+    void _FlushOut();
     template <class T>
     void _WriteLE(T value)
     {
@@ -182,8 +190,11 @@ private:
     std::int64_t _dataStartPosition = 0;
     std::vector<ScanValues> _scanValuesCache;
 
+    static constexpr std::size_t kOutBuffer = std::size_t{1} << 18;
+    std::vector<unsigned char> _out; // written bytes not yet handed to the stream
+    std::int64_t _outStart = 0;      // file position of _out's first byte
+    bool _writing = false;
     std::int64_t _fileSize = 0;              // of a file opened for reading
-    std::vector<unsigned char> _blockBytes;  // the block on its way to the file
     std::vector<unsigned char> _rawVectors;  // a chunk of coordinates read
     std::vector<M2DSliceVector> _vectors;    // the same converted
 };

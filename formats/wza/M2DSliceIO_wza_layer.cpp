@@ -6,6 +6,10 @@
 
 #include <fmt/format.h>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "../../contracts/ByteOrder.h"
 #include "../../contracts/M2DSliceBuildParameters.h"
 #include "../../contracts/PersistentProperties.h"
@@ -48,6 +52,85 @@ struct BlockBytes
 
 // Vectors converted per chunk while reading.
 constexpr std::size_t kChunkVectors = 4096;
+
+#if defined(__SSE2__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+#define WZA_SSE2 1
+inline __m128i Min32(__m128i a, __m128i b)
+{
+    const __m128i greater = _mm_cmpgt_epi32(a, b);
+    return _mm_or_si128(_mm_and_si128(greater, b), _mm_andnot_si128(greater, a));
+}
+inline __m128i Max32(__m128i a, __m128i b)
+{
+    const __m128i greater = _mm_cmpgt_epi32(a, b);
+    return _mm_or_si128(_mm_and_si128(greater, a), _mm_andnot_si128(greater, b));
+}
+#endif
+
+// n runs of four floats x1, y1, x2, y2 (millimetres) to vectors in internal units: the float
+// product truncated toward zero, 0x80000000 where it does not fit; with their box.
+void ConvertHatches(const unsigned char* raw, std::size_t n, float factor, M2DSliceVector* out, M2DSliceXYArea& box)
+{
+    std::size_t i = 0;
+#ifdef WZA_SSE2
+    if (n > 0)
+    {
+        const __m128 f = _mm_set1_ps(factor);
+        __m128i low = _mm_set1_epi32(INT32_MAX), high = _mm_set1_epi32(INT32_MIN);
+        for (; i < n; ++i)
+        {
+            const __m128i v = _mm_cvttps_epi32(_mm_mul_ps(_mm_loadu_ps(reinterpret_cast<const float*>(raw + 16 * i)), f));
+            const __m128i ordered = _mm_shuffle_epi32(v, _MM_SHUFFLE(3, 1, 2, 0)); // x1, x2, y1, y2
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out + i), ordered);
+            low = Min32(low, ordered);
+            high = Max32(high, ordered);
+        }
+        alignas(16) std::int32_t l[4], h[4];
+        _mm_store_si128(reinterpret_cast<__m128i*>(l), low);
+        _mm_store_si128(reinterpret_cast<__m128i*>(h), high);
+        box.Extend(std::min(l[0], l[1]), std::min(l[2], l[3]));
+        box.Extend(std::max(h[0], h[1]), std::max(h[2], h[3]));
+    }
+#endif
+    for (; i < n; ++i)
+    {
+        const unsigned char* p = raw + 16 * i;
+        auto conv = [factor](float v) {
+            const float product = v * factor;
+            return product > -2147483904.0f && product < 2147483648.0f ? static_cast<int>(product) : INT32_MIN;
+        };
+        M2DSliceVector& v = out[i];
+        v.x1 = conv(ByteOrder::LoadLE<float>(p));
+        v.y1 = conv(ByteOrder::LoadLE<float>(p + 4));
+        v.x2 = conv(ByteOrder::LoadLE<float>(p + 8));
+        v.y2 = conv(ByteOrder::LoadLE<float>(p + 12));
+        box.Extend(v.x1, v.y1);
+        box.Extend(v.x2, v.y2);
+    }
+}
+
+// The same the other way: n vectors to runs of four floats, each coordinate float(v) / factor.
+void EncodeHatches(const M2DSliceVector* vectors, std::size_t n, float factor, unsigned char* out)
+{
+    std::size_t i = 0;
+#ifdef WZA_SSE2
+    const __m128 f = _mm_set1_ps(factor);
+    for (; i < n; ++i)
+    {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(vectors + i));
+        const __m128i ordered = _mm_shuffle_epi32(v, _MM_SHUFFLE(3, 1, 2, 0)); // x1, y1, x2, y2
+        _mm_storeu_ps(reinterpret_cast<float*>(out + 16 * i), _mm_div_ps(_mm_cvtepi32_ps(ordered), f));
+    }
+#endif
+    for (; i < n; ++i)
+    {
+        unsigned char* p = out + 16 * i;
+        ByteOrder::StoreLE<float>(p, static_cast<float>(vectors[i].x1) / factor);
+        ByteOrder::StoreLE<float>(p + 4, static_cast<float>(vectors[i].y1) / factor);
+        ByteOrder::StoreLE<float>(p + 8, static_cast<float>(vectors[i].x2) / factor);
+        ByteOrder::StoreLE<float>(p + 12, static_cast<float>(vectors[i].y2) / factor);
+    }
+}
 
 } // namespace
 
@@ -142,7 +225,8 @@ bool M2DSliceIO_wza::_WriteLayer(const std::vector<const ISource2DSlices*>& /*so
     std::int64_t sectionLengthAt = -1, sectionAt = -1;
     ScanValues previous;
     std::int32_t previousPartId = 0, previousSubpart = 0;
-    BlockBytes out{_blockBytes};
+    // Blocks are encoded straight into the write buffer.
+    BlockBytes out{_out};
 
     auto closeSection = [&]() {
         const std::int64_t end = _TellFilePos();
@@ -198,7 +282,6 @@ bool M2DSliceIO_wza::_WriteLayer(const std::vector<const ISource2DSlices*>& /*so
         const bool same = index != 0 && values.CompareScanValues(previous) && found->Id == previousPartId &&
                           found->SubpartIndex == previousSubpart;
 
-        _blockBytes.clear();
         if (same && MayContinue(values.TypeCode))
             out.Tag(kTagContinue);
         else
@@ -240,13 +323,13 @@ bool M2DSliceIO_wza::_WriteLayer(const std::vector<const ISource2DSlices*>& /*so
 
         const bool joined = _IsJoinedPath(block);
         const std::size_t n = vectors.size();
-        const std::size_t head = _blockBytes.size();
+        const std::size_t head = _out.size();
         if (joined)
         {
             out.Tag(kTagPath);
             out.LE<std::uint32_t>(static_cast<std::uint32_t>(n + 1));
-            _blockBytes.resize(head + 5 + 8 * (n + 1));
-            unsigned char* p = _blockBytes.data() + head + 5;
+            _out.resize(head + 5 + 8 * (n + 1));
+            unsigned char* p = _out.data() + head + 5;
             ByteOrder::StoreLE<float>(p, _ConvertInternToSingle(vectors[0].x1));
             ByteOrder::StoreLE<float>(p + 4, _ConvertInternToSingle(vectors[0].y1));
             p += 8;
@@ -261,18 +344,12 @@ bool M2DSliceIO_wza::_WriteLayer(const std::vector<const ISource2DSlices*>& /*so
         {
             out.Tag(kTagHatches);
             out.LE<std::uint32_t>(static_cast<std::uint32_t>(2 * n));
-            _blockBytes.resize(head + 5 + 16 * n);
-            unsigned char* p = _blockBytes.data() + head + 5;
-            for (const M2DSliceVector& v : vectors)
-            {
-                ByteOrder::StoreLE<float>(p, _ConvertInternToSingle(v.x1));
-                ByteOrder::StoreLE<float>(p + 4, _ConvertInternToSingle(v.y1));
-                ByteOrder::StoreLE<float>(p + 8, _ConvertInternToSingle(v.x2));
-                ByteOrder::StoreLE<float>(p + 12, _ConvertInternToSingle(v.y2));
-                p += 16;
-            }
+            _out.resize(head + 5 + 16 * n);
+            EncodeHatches(vectors.data(), n, static_cast<float>(ZanSDK::Common::MInternalUnits::Get()),
+                          _out.data() + head + 5);
         }
-        _Write(_blockBytes.data(), _blockBytes.size());
+        if (_out.size() >= kOutBuffer)
+            _FlushOut();
 
         previous = values;
         previousPartId = found->Id;
@@ -430,27 +507,23 @@ bool M2DSliceIO_wza::_ReadVectors(ILayerInput& input, bool joined, std::uint32_t
         const std::size_t got = _stream ? std::fread(_rawVectors.data(), stride, n, _stream) : 0;
         _vectors.resize(got);
         M2DSliceXYArea box;
-        const unsigned char* p = _rawVectors.data();
-        for (std::size_t i = 0; i < got; ++i, p += stride)
+        if (joined)
         {
-            M2DSliceVector& v = _vectors[i];
-            if (joined)
+            const unsigned char* p = _rawVectors.data();
+            for (std::size_t i = 0; i < got; ++i, p += stride)
             {
+                M2DSliceVector& v = _vectors[i];
                 v.x1 = lastIx;
                 v.y1 = lastIy;
                 lastIx = v.x2 = _ConvertSingleToIntern(ByteOrder::LoadLE<float>(p));
                 lastIy = v.y2 = _ConvertSingleToIntern(ByteOrder::LoadLE<float>(p + 4));
+                box.Extend(v.x1, v.y1);
+                box.Extend(v.x2, v.y2);
             }
-            else
-            {
-                v.x1 = _ConvertSingleToIntern(ByteOrder::LoadLE<float>(p));
-                v.y1 = _ConvertSingleToIntern(ByteOrder::LoadLE<float>(p + 4));
-                v.x2 = _ConvertSingleToIntern(ByteOrder::LoadLE<float>(p + 8));
-                v.y2 = _ConvertSingleToIntern(ByteOrder::LoadLE<float>(p + 12));
-            }
-            box.Extend(v.x1, v.y1);
-            box.Extend(v.x2, v.y2);
         }
+        else
+            ConvertHatches(_rawVectors.data(), got, static_cast<float>(ZanSDK::Common::MInternalUnits::Get()),
+                           _vectors.data(), box);
         if (got > 0)
         {
             if (measureOnly)
