@@ -1,5 +1,8 @@
 // The tool's side of JM job files: thickness, part names and manufacturing entries, from the
 // settings file's "jm" section or from the input.
+#include <climits>
+#include <cstdint>
+
 #include <fmt/format.h>
 
 #include "../../../contracts/PersistentProperties.h"
@@ -18,11 +21,17 @@ const char* const kEntryShape = "a list of {\"Name\": text, \"Values\": up to te
 json Defaults()
 {
     // Thickness null: the input's layer thickness; PartNames empty: the input's part names.
-    return {{"Thickness", nullptr},
-            {"PartNames", json::array()},
-            {"ManufacturingData",
-             json::array({{{"Name", "default"}, {"Values", json::array({0, 0, 0, 0, 0, 0, 0, 0, 0, 0})}}})}};
+    json entry = json::object();
+    entry["Name"] = "default";
+    entry["Values"] = json::array({0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+    json settings = json::object();
+    settings["Thickness"] = nullptr;
+    settings["PartNames"] = json::array();
+    settings["ManufacturingData"] = json::array({entry});
+    return settings;
 }
+
+bool IsWhole(const json& value) { return value.is_number_integer() && value.get<std::int64_t>() >= 0 && value.get<std::int64_t>() <= UINT32_MAX; }
 
 [[noreturn]] void Wrong(const std::string& key, const char* expected)
 {
@@ -45,7 +54,7 @@ void Prepare(WriterSetup& setup)
 
     // Micrometres; by default the input's layer thickness.
     const json& thickness = settings["Thickness"];
-    if (!thickness.is_null() && !thickness.is_number_unsigned())
+    if (!thickness.is_null() && (!IsWhole(thickness) || thickness.get<std::int64_t>() > INT32_MAX))
         Wrong("Thickness", "a whole number of micrometres");
     const std::int32_t micrometres = thickness.is_null() ? M2DSliceIO_jm::StlUnitsToMicrometers(setup.LayerThickness)
                                                          : thickness.get<std::int32_t>();
@@ -89,7 +98,7 @@ void Prepare(WriterSetup& setup)
                 Wrong("ManufacturingData", kEntryShape);
             for (std::size_t i = 0; i < values.size(); ++i)
             {
-                if (!values[i].is_number_unsigned())
+                if (!IsWhole(values[i]))
                     Wrong("ManufacturingData", kEntryShape);
                 d.Values[i] = values[i].get<std::uint32_t>();
             }
