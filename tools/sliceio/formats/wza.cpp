@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "../../../contracts/M2DSliceSource.h"
+#include "../../../contracts/PersistentProperties.h"
 #include "../../../formats/wza/M2DSliceIO_wza.h"
 #include "../FormatHooks.h"
 #include "../Tool.h"
@@ -145,6 +146,16 @@ std::uint32_t CodeForType(e2DSliceVectorType type, std::uint32_t fallback)
 std::list<WZAPartStructure> PartsFromInput(const std::vector<const ISource2DSlices*>& sources, const ScanValues& base)
 {
     std::map<std::int32_t, WZAPartStructure> parts;
+    // Names the input gives its parts.
+    std::map<std::int32_t, std::wstring> names;
+    for (const ISource2DSlices* source : sources)
+        if (const PersistentProperties* properties = source ? source->GetProperties() : nullptr)
+        {
+            std::int32_t id = 0;
+            std::wstring name;
+            if (properties->GetValue(L"PartID", id) && properties->GetValue(L"PartName", name))
+                names[id] = name;
+        }
     for (const ISource2DSlices* source : sources)
     {
         if (!source)
@@ -163,7 +174,8 @@ std::list<WZAPartStructure> PartsFromInput(const std::vector<const ISource2DSlic
                 if (part.Name.empty())
                 {
                     part.Id = id;
-                    part.Name = L"part" + std::to_wstring(id);
+                    const auto named = names.find(id);
+                    part.Name = named != names.end() ? named->second : L"part" + std::to_wstring(id + 1);
                 }
                 const std::int32_t key = info.GetIndex(e2DSliceVectorTypeIndex_Parameter);
                 if (part.ScanValuesByKey.count(key))
@@ -267,7 +279,7 @@ void Prepare(WriterSetup& setup)
     setup.Notes.push_back(fmt::format("version {}, slices of {} mm, {} part{} with scan parameters {}",
                                       version.get<unsigned>(), sliceHeight / static_cast<double>(MUnit::GetIE()),
                                       count, count == 1 ? "" : "s", fromInput ? "from defaults" : "from the settings"));
-    setup.Notes.push_back("contours and point blocks are not written");
+    setup.Notes.push_back("point blocks are not written");
 }
 
 std::string WithoutNul(std::string text)
@@ -293,10 +305,8 @@ void Describe(const std::string& path, short /*code*/, FileReport& report)
         if (!get("MACHINE_TYPE_ID").empty())
             report.Rows.emplace_back("machine type id", get("MACHINE_TYPE_ID"));
         report.Rows.emplace_back("slice height", fmt::format("{:.4f} mm", io.GetSliceHeight() / 10000.0));
-        std::string parts;
         for (const auto& [id, name] : io.GetPartsById())
-            parts += fmt::format("{}{} \"{}\"", parts.empty() ? "" : ", ", id, name);
-        report.Rows.emplace_back("parts", parts.empty() ? "none" : parts);
+            report.Parts[static_cast<std::int32_t>(id)] = {{"PartName", name}};
         try
         {
             report.DeclaredLayers = std::stoll(get("SLICE_COUNT"));
