@@ -21,6 +21,7 @@
 #include "../formats/gcode/M2DSliceIO_gcode.h"
 
 // wza
+#include "../formats/wza/M2DSliceIO_wza.h"
 
 // jm
 #include "../formats/cli/M2DSliceIO_cli_ascii.h"
@@ -86,6 +87,8 @@ I2DSliceIO* CreateSliceIO(short code)
         return new M2DSliceIO_gcode();
 
     // WZA (54)
+    case 54:
+        return new M2DSliceIO_wza();
 
     // JM (55), ASCII CLI (56)
     case 55:
