@@ -4,14 +4,21 @@
 #include "../formats/cli/M2DSliceIO_cli.h"
 
 // legacy
+#include "../formats/legacy/M2DSliceIO_fs.h"
+#include "../formats/legacy/M2DSliceIO_slc.h"
+#include "../formats/legacy/M2DSliceIO_sli_3ds.h"
+#include "../formats/legacy/M2DSliceIO_ssl.h"
 
 // zff
+#include "../formats/zff/M2DSliceIO_zff.h"
 
 // sectioned
 
 // clf
+#include "../formats/clf/M2DSliceIO_clf.h"
 
 // gcode
+#include "../formats/gcode/M2DSliceIO_gcode.h"
 
 // wza
 
@@ -50,14 +57,33 @@ I2DSliceIO* CreateSliceIO(short code)
         return NewCli(M2DSliceIO_cli::Short);
 
     // SLI (3), SLC (4), SSL (5), F&S (6)
+    case 3:
+        return new M2DSliceIO_sli_3ds();
+    case 4:
+        return new M2DSliceIO_slc();
+    case 5:
+        return new M2DSliceIO_ssl();
+    case 6:
+        return new M2DSliceIO_fs();
 
     // ZFF (44, 45, 46)
+    case 44:
+    case 45:
+    case 46: {
+        auto* io = new M2DSliceIO_zff();
+        io->SetHatched(true);
+        return io;
+    }
 
     // SLM (47), compressed SLM build file (48), MTT (51)
 
     // CLF (49)
+    case 49:
+        return new M2DSliceIO_clf();
 
     // G-code (50)
+    case 50:
+        return new M2DSliceIO_gcode();
 
     // WZA (54)
 

@@ -256,15 +256,7 @@ bool M2DSliceIO_cli_ascii::_FetchLayer(ILayerInput& input)
 
 bool M2DSliceIO_cli_ascii::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool /*readVectors*/)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input); });
 }
 
 bool M2DSliceIO_cli_ascii::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/,

@@ -1,3 +1,4 @@
+#include <algorithm>
 // Every readable format to every writable format through `sliceio convert`, from one
 // generated multi-part build: layer count, heights, extents, part count and names, and
 // block counts, each within what the formats involved document as lost. Rows and columns
@@ -99,6 +100,20 @@ TEST_F(ConversionMatrixTest, EveryReadableFormatToEveryWritableFormat)
         if (made.Code != 0 && RefusedForRange(from.Code, sources))
             continue;
         ASSERT_EQ(made.Code, 0) << made.Err;
+        // The input's own step: what it rounded to is carried on.
+        double inStep = 0.0;
+        {
+            std::shared_ptr<I2DSliceIO> probe = M2DSliceIOFactory::GetSliceIO(from.Code);
+            if (probe && probe->OpenFile(ts::Wide(in), I2DSliceIO::Read) && probe->ReadHeader(nullptr))
+            {
+                M2DSliceContainerIOProperties scale;
+                probe->GetIoProperties(scale);
+                if (scale.InverseResolution > 0)
+                    inStep = static_cast<double>(scale.UnitConversionFactor) / scale.InverseResolution;
+            }
+            if (probe)
+                probe->CloseFile();
+        }
         for (const FormatCodeRow& to : outputs)
         {
             SCOPED_TRACE(std::string("to ") + to.Name + " (code " + std::to_string(to.Code) + ")");
@@ -117,13 +132,20 @@ TEST_F(ConversionMatrixTest, EveryReadableFormatToEveryWritableFormat)
             M2DSliceStack read;
             M2DSliceContainerIO reader(static_cast<unsigned short>(to.Code));
             ASSERT_TRUE(reader.ReadContainer(read, ts::Wide(out), true)) << reader.GetSliceIO()->GetFailureReason();
-            kit::ExpectSameBuild(sources, read, Compared(losses), 10);
             ++compared;
+            // Within two steps of the coarser of the two files (a format may pick its own step).
+            M2DSliceContainerIOProperties scale;
+            reader.GetSliceIO()->GetIoProperties(scale);
+            const double step = scale.InverseResolution > 0
+                                    ? static_cast<double>(scale.UnitConversionFactor) / scale.InverseResolution
+                                    : 0.0;
+            const double near = std::max({20.0, 2.0 * step, 2.0 * inStep});
+            kit::ExpectSameBuild(sources, read, Compared(losses), static_cast<int>(near));
             const M2DSliceXYArea got = read.GetXYArea();
-            EXPECT_NEAR(got.XMin, area.XMin, 20);
-            EXPECT_NEAR(got.XMax, area.XMax, 20);
-            EXPECT_NEAR(got.YMin, area.YMin, 20);
-            EXPECT_NEAR(got.YMax, area.YMax, 20);
+            EXPECT_NEAR(got.XMin, area.XMin, near);
+            EXPECT_NEAR(got.XMax, area.XMax, near);
+            EXPECT_NEAR(got.YMin, area.YMin, near);
+            EXPECT_NEAR(got.YMax, area.YMax, near);
 
             // Part names, where the output format declares them.
             if (!(losses & FormatLoss_Parts))

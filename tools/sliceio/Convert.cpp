@@ -377,6 +377,12 @@ int RunConvert(const ConvertOptions& options)
                 }
             }
     }
+    // A hook may hand over a writer of its own (one that no code reaches); it writes empty
+    // layers as the factory's writer was set to.
+    std::shared_ptr<I2DSliceIO> io = setup.Replacement ? setup.Replacement : writer.GetSliceIO();
+    if (setup.Replacement)
+        io->GetWriteOptions().WriteEmptyLayers = setup.Writer->GetWriteOptions().WriteEmptyLayers;
+    M2DSliceContainerIO driver(io);
     const std::int32_t resolution = setup.InverseResolution;
 
     M2DSliceSourceVector joined;
@@ -401,7 +407,7 @@ int RunConvert(const ConvertOptions& options)
     caught.clear();
     try
     {
-        written = writer.WriteContainers(sources, WidePath(out), setup.UnitConversion, resolution, nullptr);
+        written = driver.WriteContainers(sources, WidePath(out), setup.UnitConversion, resolution, nullptr);
     }
     catch (const std::exception& e)
     {
@@ -410,8 +416,8 @@ int RunConvert(const ConvertOptions& options)
     progress.Clear();
     if (!written)
     {
-        if (caught.empty() && !writer.GetSliceIO()->GetFailureReason().empty())
-            caught = ": " + writer.GetSliceIO()->GetFailureReason();
+        if (caught.empty() && !io->GetFailureReason().empty())
+            caught = ": " + io->GetFailureReason();
         // Only a regular file is taken away: OUT may name a device such as /dev/stdout.
         const bool removed = fs::is_regular_file(out, ec) && fs::remove(out, ec);
         throw Failure(fmt::format("{}: writing {} failed{}; {}", out, FindFormat(outCode)->Name, caught,

@@ -8,6 +8,7 @@
 // ("cli", "sectioned", "wza", ...).
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,6 +26,9 @@ struct WriterSetup
 {
     short Code = 0;               // the output's file-type code
     I2DSliceIO* Writer = nullptr; // made by the factory for Code; its WriteEmptyLayers is on
+    // Set by a hook that writes with an object no code reaches (the second G-code writer):
+    // the conversion then writes with this one instead of Writer.
+    std::shared_ptr<I2DSliceIO> Replacement;
     nlohmann::json Settings = nlohmann::json::object(); // the family's section, {} when absent
     // The input as read: one source per part (with "PartID"/"PartName" properties where the
     // input names parts), its layer thickness in internal units (0: unknown).
