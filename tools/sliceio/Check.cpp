@@ -63,7 +63,8 @@ int RunCheck(const CheckOptions& options)
             }
             M2DSliceContainerIOProperties properties;
             io->GetIoProperties(properties);
-            step = properties.InverseResolution > 0 ? 1.0 / properties.InverseResolution : 1.0;
+            if (properties.InverseResolution > 1)
+                step = 1.0 / properties.InverseResolution;
             if (!io->GetFailureReason().empty())
                 problems.push_back(DescribeReadFailure(format, path, io.get(), ""));
             else if (!io->ReadFooter(nullptr))
