@@ -352,6 +352,21 @@ protected:
     // Exactly width characters, then suffix, then a terminating zero.
     void _ConvertDoubleToTextValue(char* out, double value, std::size_t width, const char* suffix) const;
     static void _UpdateSliceArea(M2DSlice& slice, std::int32_t x, std::int32_t y);
+    // _ReadLayer's usual body: fetch(input) decodes one layer into an MLayerReader on the slice
+    // (false: no layer); the slice then gets the box and height that were measured.
+    template <class Fetch>
+    static bool _ReadLayerWith(M2DSlice& slice, Fetch fetch)
+    {
+        M2DSliceContainerScanInfo info;
+        {
+            MLayerReader reader(slice, info);
+            if (!fetch(static_cast<ILayerInput&>(reader)))
+                return false;
+        }
+        _ExtendSliceArea(slice, info.Area);
+        slice.SetZ(info.Z);
+        return true;
+    }
     static void _ExtendSliceArea(M2DSlice& slice, const M2DSliceXYArea& area);
     static void _GetSlicesFromItems(const M2DSliceConstDataItems& items, std::vector<const M2DSlice*>& slices);
 

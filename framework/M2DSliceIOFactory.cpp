@@ -4,17 +4,25 @@
 #include "../formats/cli/M2DSliceIO_cli.h"
 
 // legacy
+#include "../formats/legacy/M2DSliceIO_fs.h"
+#include "../formats/legacy/M2DSliceIO_slc.h"
+#include "../formats/legacy/M2DSliceIO_sli_3ds.h"
+#include "../formats/legacy/M2DSliceIO_ssl.h"
 
 // zff
+#include "../formats/zff/M2DSliceIO_zff.h"
 
 // sectioned
 #include "../formats/sectioned/M2DSliceIO_slm.h"
 
 // clf
+#include "../formats/clf/M2DSliceIO_clf.h"
 
 // gcode
+#include "../formats/gcode/M2DSliceIO_gcode.h"
 
 // wza
+#include "../formats/wza/M2DSliceIO_wza.h"
 
 // jm
 #include "../formats/cli/M2DSliceIO_cli_ascii.h"
@@ -51,8 +59,23 @@ I2DSliceIO* CreateSliceIO(short code)
         return NewCli(M2DSliceIO_cli::Short);
 
     // SLI (3), SLC (4), SSL (5), F&S (6)
+    case 3:
+        return new M2DSliceIO_sli_3ds();
+    case 4:
+        return new M2DSliceIO_slc();
+    case 5:
+        return new M2DSliceIO_ssl();
+    case 6:
+        return new M2DSliceIO_fs();
 
     // ZFF (44, 45, 46)
+    case 44:
+    case 45:
+    case 46: {
+        auto* io = new M2DSliceIO_zff();
+        io->SetHatched(true);
+        return io;
+    }
 
     // SLM (47), compressed SLM build file (48), MTT (51)
     case 47:
@@ -61,10 +84,16 @@ I2DSliceIO* CreateSliceIO(short code)
         return new M2DSliceIO_slm(true);
 
     // CLF (49)
+    case 49:
+        return new M2DSliceIO_clf();
 
     // G-code (50)
+    case 50:
+        return new M2DSliceIO_gcode();
 
     // WZA (54)
+    case 54:
+        return new M2DSliceIO_wza();
 
     // JM (55), ASCII CLI (56)
     case 55:

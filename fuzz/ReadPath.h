@@ -80,8 +80,7 @@ inline std::shared_ptr<I2DSliceIO> MakeReader(short code)
     std::shared_ptr<I2DSliceIO> io = M2DSliceIOFactory::GetSliceIO(code);
     if (!io)
         throw std::logic_error("no reader for the fuzzed code");
-    // As M2DSliceContainerIO and the iterator do: a copy of the iterator makes its own
-    // reader from this code.
+    // An iterator's copy makes its own reader from the file type.
     io->SetFileType(static_cast<unsigned short>(code));
     return io;
 }

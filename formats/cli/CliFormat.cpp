@@ -77,13 +77,24 @@ const FormatDescriptor kCli = {
         {9, "CLI (binary, long)", ".cli", true, true},
         {35, "CLI (binary, short)", ".cli", true, true},
         {36, "CLI (binary, long)", ".cli", true, true},
-        {56, "CLI (ASCII)", ".cli", true, true},
     },
     SniffCli,
     CheckCliRange,
     FormatLoss_Rounding | FormatLoss_Points | FormatLoss_Labels,
 };
 
+// The text form writes one "$$LABEL/1,part1" line whatever the parts, so names do not travel
+// (ids do, by the slice's place). Its files are told by the family's content test above.
+const FormatDescriptor kCliAscii = {
+    "cli",
+    "ASCII Common Layer Interface",
+    {{56, "CLI (ASCII)", ".cli", true, true}},
+    nullptr,
+    nullptr,
+    FormatLoss_Rounding | FormatLoss_Points | FormatLoss_Labels | FormatLoss_Parts,
+};
+
 const FormatRegistration registration(kCli);
+const FormatRegistration asciiRegistration(kCliAscii);
 
 } // namespace

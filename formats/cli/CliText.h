@@ -3,7 +3,9 @@
 // rely on: std::invalid_argument "invalid stoi argument" / "invalid stod argument",
 // std::out_of_range "stoi argument out of range" / "stod argument out of range", and
 // std::out_of_range "invalid vector subscript" for a line with fewer pieces than its count.
+#include <charconv>
 #include <stdexcept>
+#include <system_error>
 #include <string>
 #include <vector>
 
@@ -29,6 +31,13 @@ inline int Stoi(const std::string& text)
 
 inline double Stod(const std::string& text)
 {
+    // The common case, a plain number that fills the piece, without the C library's locale
+    // lookups; anything else (spaces, a sign, trailing text, out of range) as std::stod has it.
+    double value = 0.0;
+    const char* end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, value);
+    if (parsed.ec == std::errc() && parsed.ptr == end && !text.empty())
+        return value;
     try
     {
         return std::stod(text);

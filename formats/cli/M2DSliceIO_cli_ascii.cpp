@@ -11,6 +11,8 @@
 #include "../../framework/LocalClock.h"
 #include "CliText.h"
 
+#include <fmt/format.h>
+
 namespace {
 
 // A double cut to 32 bits toward zero; a value that does not fit (infinite, not a number, too
@@ -98,9 +100,10 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
     const double c = _GetConversionFactor();
     std::vector<const M2DSlice*> slices;
     _GetSlicesFromItems(items, slices);
-    std::ostringstream out;
-    out.imbue(std::locale::classic());
-    out << "$$LAYER/" << z / c << "\n";
+    // Numbers in general form with six significant digits, as a default stream prints them.
+    fmt::memory_buffer out;
+    const auto number = [&](double v) { fmt::format_to(std::back_inserter(out), ",{:g}", v); };
+    fmt::format_to(std::back_inserter(out), "$$LAYER/{:g}\n", z / c);
     int id = _modelStartIndex;
     for (std::size_t i = 0; i < slices.size(); ++i, ++id)
     {
@@ -118,12 +121,16 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
                     continue;
                 const bool closed = contour.GetIsClosed();
                 const std::size_t n = closed ? contour.GetNumPoints() + 1 : contour.GetNumPoints();
-                out << "$$POLYLINE/" << id << "," << (closed ? (contour.GetIsOuterContour() ? 1 : 0) : 2) << "," << n;
+                fmt::format_to(std::back_inserter(out), "$$POLYLINE/{},{},{}", id,
+                               closed ? (contour.GetIsOuterContour() ? 1 : 0) : 2, n);
                 // The reverse of the contour's order, from the point before the first.
                 const auto* p = contour.GetFirstPoint()->GetPreviousPoint();
                 for (std::size_t j = 0; j < n; ++j, p = p->GetPreviousPoint())
-                    out << "," << p->x / c << "," << p->y / c;
-                out << "\n";
+                {
+                    number(p->x / c);
+                    number(p->y / c);
+                }
+                out.push_back('\n');
             }
         };
         const auto hatches = [&] {
@@ -133,10 +140,15 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
                 const M2DSliceVectorBlock& block = *vectors.GetVectorBlock(k);
                 if (block.Vectors.empty())
                     continue;
-                out << "$$HATCHES/" << id << "," << block.Vectors.size();
+                fmt::format_to(std::back_inserter(out), "$$HATCHES/{},{}", id, block.Vectors.size());
                 for (const M2DSliceVector& v : block.Vectors)
-                    out << "," << v.x1 / c << "," << v.y1 / c << "," << v.x2 / c << "," << v.y2 / c;
-                out << "\n";
+                {
+                    number(v.x1 / c);
+                    number(v.y1 / c);
+                    number(v.x2 / c);
+                    number(v.y2 / c);
+                }
+                out.push_back('\n');
             }
         };
         if (!parameters || parameters->BordersFirst)
@@ -150,8 +162,7 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
             polylines();
         }
     }
-    const std::string text = out.str();
-    return _file.WRITE(text.data(), text.size()) == text.size() || _Fail("the layer could not be written");
+    return _file.WRITE(out.data(), out.size()) == out.size() || _Fail("the layer could not be written");
 }
 
 bool M2DSliceIO_cli_ascii::_WriteFooter(const std::vector<const ISource2DSlices*>& /*sources*/)
@@ -256,15 +267,7 @@ bool M2DSliceIO_cli_ascii::_FetchLayer(ILayerInput& input)
 
 bool M2DSliceIO_cli_ascii::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool /*readVectors*/)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input); });
 }
 
 bool M2DSliceIO_cli_ascii::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/,

@@ -86,15 +86,7 @@ bool M2DSliceIO_cli::_ReadHeader(ITarget2DSlices* /*target*/)
 
 bool M2DSliceIO_cli::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool readVectors)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader, readVectors))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input, readVectors); });
 }
 
 bool M2DSliceIO_cli::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool readVectors)

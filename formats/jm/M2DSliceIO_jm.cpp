@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "../../contracts/ByteOrder.h"
+#include "../../framework/ByteCursor.h"
 #include "../../framework/LocalClock.h"
 
 namespace {
@@ -83,47 +84,12 @@ void M2DSliceIO_jm::_WriteText(const std::string& text, std::size_t size)
     _WriteDataA(field);
 }
 
-void M2DSliceIO_jm::_WriteDataB2(unsigned short value)
-{
-    unsigned char b[2];
-    ByteOrder::StoreLE(b, value);
-    _file.WriteBytes(b, 2);
-}
-
-void M2DSliceIO_jm::_WriteDataB2S(short value)
-{
-    unsigned char b[2];
-    ByteOrder::StoreLE(b, value);
-    _file.WriteBytes(b, 2);
-}
-
-void M2DSliceIO_jm::_WriteDataB4(std::uint32_t value)
-{
-    unsigned char b[4];
-    ByteOrder::StoreLE(b, value);
-    _file.WriteBytes(b, 4);
-}
-
-void M2DSliceIO_jm::_WriteDataB4S(std::int32_t value)
-{
-    unsigned char b[4];
-    ByteOrder::StoreLE(b, value);
-    _file.WriteBytes(b, 4);
-}
-
-void M2DSliceIO_jm::_WriteDataB8(std::int64_t value)
-{
-    unsigned char b[8];
-    ByteOrder::StoreLE(b, value);
-    _file.WriteBytes(b, 8);
-}
-
-void M2DSliceIO_jm::_WriteDataB8S(std::uint64_t value)
-{
-    unsigned char b[8];
-    ByteOrder::StoreLE(b, value);
-    _file.WriteBytes(b, 8);
-}
+void M2DSliceIO_jm::_WriteDataB2(unsigned short value) { WriteLE(_file, value); }
+void M2DSliceIO_jm::_WriteDataB2S(short value) { WriteLE(_file, value); }
+void M2DSliceIO_jm::_WriteDataB4(std::uint32_t value) { WriteLE(_file, value); }
+void M2DSliceIO_jm::_WriteDataB4S(std::int32_t value) { WriteLE(_file, value); }
+void M2DSliceIO_jm::_WriteDataB8(std::int64_t value) { WriteLE(_file, value); }
+void M2DSliceIO_jm::_WriteDataB8S(std::uint64_t value) { WriteLE(_file, value); }
 
 void M2DSliceIO_jm::_WriteDataBTP(const bool* bits, std::uint64_t count)
 {

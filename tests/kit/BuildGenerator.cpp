@@ -94,7 +94,8 @@ void BuildGenerator::_BuildTemplate(M2DSlice& slice, int index) const
         AddRing(border, cx, cy, hole, _shape.PointsPerHole, false, part);
         if (_shape.OpenPolylinePoints > 1)
         {
-            // A zigzag beside the ring, as a support line would run.
+            // A zigzag just below the ring, as a support line would run; it stays in the part's
+            // cell, so the build keeps to positive coordinates, which every format can hold.
             M2DSliceContour* line = border.AddContourAtEnd();
             M2DSliceVectorTypeInfo label(e2DSliceVectorType_Other);
             label.SetIndex(e2DSliceVectorTypeIndex_Part, part);
@@ -102,7 +103,7 @@ void BuildGenerator::_BuildTemplate(M2DSlice& slice, int index) const
             line->SetIsClosed(false);
             line->SetIsOuterContour(false);
             for (int k = 0; k < _shape.OpenPolylinePoints; ++k)
-                line->InsertAtEnd(Round(cx - radius + 20000.0 * k), Round(cy - 1.1 * radius - 10000.0 * (k & 1)), nullptr);
+                line->InsertAtEnd(Round(cx - radius + 20000.0 * k), Round(cy - 1.02 * radius - 10000.0 * (k & 1)), nullptr);
         }
         if (_shape.PointsPerPart > 0)
         {

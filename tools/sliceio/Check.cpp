@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <climits>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 
@@ -11,29 +14,37 @@
 
 namespace sliceio {
 
+// The report of the family's DescribeFile for the file, empty when it has none. A hook that
+// fails on a file it cannot make sense of says nothing rather than stop the command.
 FileReport DescribeWithHooks(const std::string& path, short code)
 {
     FileReport report;
     if (const FormatDescriptor* family = FormatRegistry::ForCode(code))
         if (const FormatHooks* hooks = FindFormatHooks(family->Family))
             if (hooks->DescribeFile)
-                hooks->DescribeFile(path, code, report);
+                try
+                {
+                    hooks->DescribeFile(path, code, report);
+                }
+                catch (const std::exception&)
+                {
+                }
     return report;
 }
 
-int RunCheck(const std::vector<std::string>& words)
+int RunCheck(const CheckOptions& options)
 {
-    const Arguments args(words, {"--type"}, {});
-    args.ExpectPositional(1, "FILE");
-    const std::string& path = args.Positional(0);
+    const std::string& path = options.Path;
     CheckInputFile(path);
-    const InputFormat format = ResolveInputFormat(path, args.Value("--type"));
+    const InputFormat format = ResolveInputFormat(path, options.Type);
 
     // Every layer is read in full, vectors included, so that damage anywhere shows.
     std::vector<std::string> problems;
     const std::shared_ptr<I2DSliceIO> io = M2DSliceIOFactory::GetSliceIO(format.Code);
     std::uint64_t layers = 0;
-    std::string caught;
+    M2DSliceXYArea area;
+    std::int32_t zMin = INT32_MAX, zMax = INT32_MIN;
+    double step = 0.001; // a file step in millimetres, the tolerance of the extents
     try
     {
         if (!io->OpenFile(WidePath(path), I2DSliceIO::Read))
@@ -46,8 +57,14 @@ int RunCheck(const std::vector<std::string>& words)
             while (io->ReadLayer(slice, nullptr, true))
             {
                 ++layers;
-                slice.Clear();
+                area.Extend(slice.GetXYArea(true));
+                zMin = std::min(zMin, slice.GetZ());
+                zMax = std::max(zMax, slice.GetZ());
             }
+            M2DSliceContainerIOProperties properties;
+            io->GetIoProperties(properties);
+            if (properties.InverseResolution > 1)
+                step = 1.0 / properties.InverseResolution;
             if (!io->GetFailureReason().empty())
                 problems.push_back(DescribeReadFailure(format, path, io.get(), ""));
             else if (!io->ReadFooter(nullptr))
@@ -61,9 +78,26 @@ int RunCheck(const std::vector<std::string>& words)
     io->CloseFile();
 
     const FileReport report = DescribeWithHooks(path, format.Code);
-    if (report.DeclaredLayers >= 0 && static_cast<std::uint64_t>(report.DeclaredLayers) != layers)
+    const bool readToTheEnd = problems.empty();
+    if (report.DeclaredLayers >= 0 && static_cast<std::uint64_t>(report.DeclaredLayers) > layers && readToTheEnd)
+        problems.push_back(fmt::format("{}: layer {}: missing: the file ends there though it declares {} layers "
+                                       "(truncated?)",
+                                       path, layers, report.DeclaredLayers));
+    else if (report.DeclaredLayers >= 0 && static_cast<std::uint64_t>(report.DeclaredLayers) != layers)
         problems.push_back(fmt::format("{}: the file declares {} layers and holds {} readable ones", path,
                                        report.DeclaredLayers, layers));
+    if (report.ExtentsDeclared && layers > 0 && problems.empty())
+    {
+        const bool hasArea = !area.IsEmpty();
+        const double held[6] = {hasArea ? area.XMin / 1e4 : 0.0, hasArea ? area.YMin / 1e4 : 0.0, zMin / 1e4,
+                                hasArea ? area.XMax / 1e4 : 0.0, hasArea ? area.YMax / 1e4 : 0.0, zMax / 1e4};
+        static const char* const kNames[6] = {"x minimum", "y minimum", "z minimum", "x maximum", "y maximum", "z maximum"};
+        const double tolerance = step + 1e-4;
+        for (int i = 0; i < 6; ++i)
+            if ((hasArea || i % 3 == 2) && std::fabs(report.DeclaredExtents[i] - held[i]) > tolerance * (1 + std::fabs(held[i]) * 1e-6))
+                problems.push_back(fmt::format("{}: the header declares a {} of {} mm, the layers reach {} mm", path,
+                                               kNames[i], Fixed(report.DeclaredExtents[i], 4), Fixed(held[i], 4)));
+    }
     for (const std::string& problem : report.Problems)
         problems.push_back(path + ": " + problem);
 

@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <climits>
 #include <cmath>
@@ -9,12 +10,16 @@
 #include <memory>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "../../contracts/M2DSliceStack.h"
 #include "../../contracts/MUnit.h"
 #include "../../framework/FormatDescriptor.h"
 #include "../../framework/M2DSliceContainerIO.h"
+#include "../../framework/M2DSliceIOFactory.h"
 #include "FormatHooks.h"
+#include "Parts.h"
+#include "Settings.h"
 #include "Tool.h"
 
 namespace fs = std::filesystem;
@@ -95,8 +100,8 @@ private:
 class ProgressSource : public ISource2DSlices
 {
 public:
-    ProgressSource(const ISource2DSlices& source, ProgressLine& line, std::string label)
-        : _source(source), _line(line), _label(std::move(label))
+    ProgressSource(const ISource2DSlices& source, ProgressLine& line, std::string label, bool shows)
+        : _source(source), _line(line), _label(std::move(label)), _shows(shows)
     {
     }
 
@@ -133,11 +138,16 @@ protected:
     const PersistentProperties* _OnGetProperties() const override { return _source.GetProperties(); }
 
 private:
-    void _Tick(std::uint64_t i) const { _line.Fraction(_label, i + 1, _source.GetNumSlices()); }
+    void _Tick(std::uint64_t i) const
+    {
+        if (_shows)
+            _line.Fraction(_label, i + 1, _source.GetNumSlices());
+    }
 
     const ISource2DSlices& _source;
     ProgressLine& _line;
     std::string _label;
+    bool _shows;
 };
 
 // Steps per unit that keep the input's step size: the input's own resolution when its
@@ -152,64 +162,208 @@ std::int32_t DefaultResolution(const std::shared_ptr<I2DSliceIO>& reader, std::i
     return static_cast<std::int32_t>(std::clamp(std::lround(unitConversion / step), 1L, long{INT32_MAX}));
 }
 
-} // namespace
-
-int RunConvert(const std::vector<std::string>& words)
+// "A:B", "A:" or ":B" (layers numbered from 0, both ends included), or one layer "A".
+void ParseLayerRange(const std::string& text, SplitOptions& options)
 {
-    const Arguments args(words, {"--type", "--to", "--units", "--resolution"}, {});
-    args.ExpectPositional(2, "IN and OUT");
-    const std::string& in = args.Positional(0);
-    const std::string& out = args.Positional(1);
-    const std::string units = args.Value("--units").value_or("mm");
-    if (units != "mm" && units != "inch")
-        throw UsageError("--units expects mm or inch, not '" + units + "'");
-    const std::int32_t unitConversion =
-        units == "mm" ? MUnit::GetIE() : static_cast<std::int32_t>(std::lround(MUnit::GetIE() * 25.4));
-    const std::int64_t resolutionOption = args.Number("--resolution", 1, INT32_MAX, 0);
+    const std::size_t colon = text.find(':');
+    const auto number = [&text](const std::string& part, std::uint64_t fallback) {
+        if (part.empty())
+            return fallback;
+        std::uint64_t value = 0;
+        const auto result = std::from_chars(part.data(), part.data() + part.size(), value);
+        if (result.ec != std::errc() || result.ptr != part.data() + part.size())
+            throw UsageError("--layers expects A:B, A: or :B with layer numbers from 0, not '" + text + "'");
+        return value;
+    };
+    if (colon == std::string::npos)
+        options.FirstLayer = options.LastLayer = number(text, 0);
+    else
+    {
+        options.FirstLayer = number(text.substr(0, colon), 0);
+        options.LastLayer = number(text.substr(colon + 1), UINT64_MAX);
+    }
+    if (text.empty() || text == ":" || options.FirstLayer > options.LastLayer)
+        throw UsageError("--layers expects A:B, A: or :B with A <= B, not '" + text + "'");
+}
 
-    CheckInputFile(in);
-    const InputFormat inFormat = ResolveInputFormat(in, args.Value("--type"));
-    CheckOutputFile(out);
-    const short outCode = ResolveOutputFormat(out, args.Value("--to"));
-    std::error_code ec;
-    if (fs::equivalent(in, out, ec))
-        throw Failure(out + ": is the input file; write to another file");
-
-    ProgressLine progress;
-    M2DSliceStack stack;
-    M2DSliceContainerIO reader(static_cast<unsigned short>(inFormat.Code));
-    // Keep the blocks as the file has them instead of joining neighbours of equal label.
-    I2DSliceIO::ReadOptions options;
-    options.VectorBlocks.MergeBlocks = false;
-    reader.SetReadOptions(options);
-    bool read = false;
-    std::string caught;
+// Reads the whole file into the stack, as the whole-file driver does, but with the scale of
+// the header replaced by inputUnits (millimetres per step) when that is given. False with
+// the reason in caught (or the reader's own) when the file cannot be read.
+bool ReadInput(I2DSliceIO& io, const std::string& path, M2DSliceStack& stack, double inputUnits,
+               ProgressLine& progress, std::string& caught)
+{
+    ReadProgress pulse(progress, "reading " + path);
     try
     {
-        read = reader.ReadContainer(stack, WidePath(in), true, std::make_shared<ReadProgress>(progress, "reading " + in));
+        if (!io.OpenFile(WidePath(path), I2DSliceIO::Read) || !io.ReadHeader(&stack))
+        {
+            io.CloseFile();
+            return false;
+        }
+        if (inputUnits > 0)
+        {
+            M2DSliceContainerIOProperties properties;
+            io.GetIoProperties(properties);
+            properties.UnitConversionFactor = MUnit::GetIE();
+            properties.InverseResolution = static_cast<std::int32_t>(std::lround(1.0 / inputUnits));
+            io.SetIoProperties(properties);
+        }
+        stack.StartAddingSlices();
+        M2DSlice slice;
+        while (io.ReadLayer(slice, &stack, true))
+        {
+            stack.AddSlice(slice, true);
+            pulse.OnPulse();
+        }
+        const bool damaged = !io.GetFailureReason().empty();
+        const bool footer = !damaged && io.ReadFooter(&stack);
+        const bool closed = io.CloseFile();
+        return footer && closed;
     }
     catch (const std::exception& e)
     {
         caught = e.what();
+        io.CloseFile();
+        return false;
     }
+}
+
+std::string UnitName(std::int32_t unitConversion)
+{
+    if (unitConversion == MUnit::GetIE())
+        return "mm";
+    if (unitConversion == static_cast<std::int32_t>(std::lround(MUnit::GetIE() * 25.4)))
+        return "inch";
+    return fmt::format("unit of {} internal steps", unitConversion);
+}
+
+// What the source holds, for telling what the output keeps of it.
+struct Content
+{
+    std::uint64_t Contours = 0, OpenContours = 0, VectorBlocks = 0, PointBlocks = 0;
+};
+
+Content Measure(const std::vector<std::unique_ptr<PartSource>>& parts)
+{
+    Content c;
+    for (const auto& part : parts)
+        for (const auto& slice : part->Slices())
+        {
+            for (const M2DSliceContour& contour : *slice->GetSliceBorder())
+            {
+                ++c.Contours;
+                c.OpenContours += contour.GetIsClosed() ? 0 : 1;
+            }
+            c.VectorBlocks += slice->GetVectors()->GetNumVectorBlocks();
+            c.PointBlocks += slice->GetPoints()->GetNumPointBlocks();
+        }
+    return c;
+}
+
+} // namespace
+
+int RunConvert(const ConvertOptions& options)
+{
+    const nlohmann::json settings = LoadSettings(options.Settings);
+    if (options.ShowSettings)
+    {
+        std::printf("%s\n", EffectiveSettings(settings).dump(2).c_str());
+        return 0;
+    }
+    const std::string& in = options.In;
+    const std::string& out = options.Out;
+    const std::string units = options.Units.value_or("mm");
+    const std::int32_t unitConversion =
+        units == "mm" ? MUnit::GetIE() : static_cast<std::int32_t>(std::lround(MUnit::GetIE() * 25.4));
+    if (options.NoContours && options.ContoursAsVectors)
+        throw UsageError("--no-contours and --contours-as-vectors exclude each other");
+    SplitOptions split;
+    if (options.Layers)
+        ParseLayerRange(*options.Layers, split);
+    split.DropEmptyLayers = options.DropEmptyLayers;
+    split.DropContours = options.NoContours;
+    if (options.InputUnits)
+    {
+        const double inverse = *options.InputUnits > 0 ? 1.0 / *options.InputUnits : 0.0;
+        if (!(inverse >= 1 && inverse <= INT32_MAX) || std::fabs(inverse - std::round(inverse)) > 1e-6 * inverse)
+            throw UsageError(fmt::format("--input-units expects millimetres per step of the form 1/N mm (such as "
+                                         "0.001), not {}",
+                                         *options.InputUnits));
+    }
+
+    CheckInputFile(in);
+    const InputFormat inFormat = ResolveInputFormat(in, options.Type);
+    CheckOutputFile(out);
+    const short outCode = ResolveOutputFormat(out, options.To);
+    std::error_code ec;
+    if (fs::equivalent(in, out, ec))
+        throw Failure(out + ": is the input file; write to another file");
+
+    // What the input declares: parts, layer count, a header scale the reader misreads.
+    const FileReport declared = DescribeWithHooks(in, inFormat.Code);
+    for (const std::string& warning : declared.Warnings)
+        if (!(options.InputUnits && declared.MeantUnits > 0 && warning.find("--input-units") != std::string::npos))
+            std::fprintf(stderr, "sliceio: warning: %s: %s\n", in.c_str(), warning.c_str());
+
+    ProgressLine progress;
+    M2DSliceStack stack;
+    const std::shared_ptr<I2DSliceIO> reader = M2DSliceIOFactory::GetSliceIO(inFormat.Code);
+    reader->SetFileType(static_cast<unsigned short>(inFormat.Code));
+    // Keep the blocks as the file has them instead of joining neighbours of equal label.
+    I2DSliceIO::ReadOptions readOptions;
+    readOptions.VectorBlocks.MergeBlocks = false;
+    reader->SetReadOptions(readOptions);
+    std::string caught;
+    const bool read = ReadInput(*reader, in, stack, options.InputUnits.value_or(0), progress, caught);
     progress.Clear();
     if (!read)
-        throw Failure(DescribeReadFailure(inFormat, in, reader.GetSliceIO().get(), caught));
+        throw Failure(DescribeReadFailure(inFormat, in, reader.get(), caught) + "; nothing was written");
+    if (declared.DeclaredLayers >= 0 && static_cast<std::uint64_t>(declared.DeclaredLayers) < stack.GetNumSlices())
+        std::fprintf(stderr, "sliceio: warning: %s: the file declares %lld layers but holds %llu; all are converted\n",
+                     in.c_str(), static_cast<long long>(declared.DeclaredLayers),
+                     static_cast<unsigned long long>(stack.GetNumSlices()));
+    if (declared.DeclaredLayers >= 0 && static_cast<std::uint64_t>(declared.DeclaredLayers) > stack.GetNumSlices())
+        throw Failure(fmt::format("{}: the file declares {} layers but {} could be read; it may be truncated or "
+                                  "damaged ('sliceio check' tells more); nothing was written",
+                                  in, declared.DeclaredLayers, stack.GetNumSlices()));
     if (stack.GetNumSlices() == 0)
         throw Failure(in + ": has no layers; nothing was written");
+
+    // The output family decides what must be turned into what.
+    const FormatDescriptor* family = FormatRegistry::ForCode(outCode);
+    const unsigned losses = family ? family->Losses : FormatLoss_None;
+    split.RepeatLeads = declared.RepeatLeads;
+    split.ContoursAsVectors = options.ContoursAsVectors || ((losses & FormatLoss_Contours) && !options.NoContours);
+    SplitCounts counts;
+    std::vector<std::unique_ptr<PartSource>> parts = SplitIntoParts(stack, declared.Parts, split, counts);
+    if (counts.Layers == 0)
+        throw Failure(fmt::format("{}: no layer is left of the {} the file holds ({}); nothing was written", in,
+                                  stack.GetNumSlices(), options.Layers ? "--layers " + *options.Layers : "all empty"));
+    std::vector<PartSource*> partPointers;
+    for (const auto& part : parts)
+        partPointers.push_back(part.get());
+    ApplyGeneralSettings(settings, partPointers);
+    const Content content = Measure(parts);
 
     M2DSliceContainerIO writer(static_cast<unsigned short>(outCode));
     WriterSetup setup;
     setup.Code = outCode;
     setup.Writer = writer.GetSliceIO().get();
-    setup.Sources = {&stack};
+    for (const auto& part : parts)
+    {
+        setup.Sources.push_back(part.get());
+        setup.SourceProperties.push_back(&part->Properties());
+    }
     setup.LayerThickness = stack.GetSliceThickness();
     setup.UnitConversion = unitConversion;
-    setup.InverseResolution = resolutionOption > 0 ? static_cast<std::int32_t>(resolutionOption)
-                                                   : DefaultResolution(reader.GetSliceIO(), unitConversion);
-    setup.ScaleGiven = resolutionOption > 0 || args.Value("--units").has_value();
-    const FormatDescriptor* family = FormatRegistry::ForCode(outCode);
+    setup.InverseResolution = options.Resolution ? *options.Resolution : DefaultResolution(reader, unitConversion);
+    setup.ScaleGiven = options.Resolution.has_value() || options.Units.has_value();
+    // Empty layers are written, so that the header's count, the layers and a reread agree; a
+    // format that cannot hold them may turn this off in its hooks.
+    setup.Writer->GetWriteOptions().WriteEmptyLayers = true;
     if (family)
+    {
+        setup.Settings = SectionOf(settings, family->Family);
         if (const FormatHooks* hooks = FindFormatHooks(family->Family))
             if (hooks->PrepareWriter)
             {
@@ -222,20 +376,38 @@ int RunConvert(const std::vector<std::string>& words)
                     throw Failure(out + ": " + e.what());
                 }
             }
+    }
+    // A hook may hand over a writer of its own (one that no code reaches); it writes empty
+    // layers as the factory's writer was set to.
+    std::shared_ptr<I2DSliceIO> io = setup.Replacement ? setup.Replacement : writer.GetSliceIO();
+    if (setup.Replacement)
+        io->GetWriteOptions().WriteEmptyLayers = setup.Writer->GetWriteOptions().WriteEmptyLayers;
+    M2DSliceContainerIO driver(io);
     const std::int32_t resolution = setup.InverseResolution;
+
+    M2DSliceSourceVector joined;
+    joined.GetOptions().JoinByHeight = true;
+    joined.SetVector(setup.Sources);
     if (family && family->CheckWriteRange)
     {
-        const std::string problem = family->CheckWriteRange(outCode, stack, setup.UnitConversion, resolution);
+        const std::string problem = family->CheckWriteRange(outCode, joined, setup.UnitConversion, resolution);
         if (!problem.empty())
             throw Failure(out + ": " + problem);
     }
 
-    const ProgressSource source(stack, progress, "writing " + out);
+    std::vector<std::unique_ptr<ProgressSource>> shown;
+    std::vector<const ISource2DSlices*> sources;
+    for (const ISource2DSlices* source : setup.Sources)
+    {
+        // One bar for the whole write: the first source's layers stand for the others'.
+        shown.push_back(std::make_unique<ProgressSource>(*source, progress, "writing " + out, shown.empty()));
+        sources.push_back(shown.back().get());
+    }
     bool written = false;
     caught.clear();
     try
     {
-        written = writer.WriteContainer(source, WidePath(out), setup.UnitConversion, resolution, nullptr);
+        written = driver.WriteContainers(sources, WidePath(out), setup.UnitConversion, resolution, nullptr);
     }
     catch (const std::exception& e)
     {
@@ -244,21 +416,48 @@ int RunConvert(const std::vector<std::string>& words)
     progress.Clear();
     if (!written)
     {
+        if (caught.empty() && !io->GetFailureReason().empty())
+            caught = ": " + io->GetFailureReason();
         // Only a regular file is taken away: OUT may name a device such as /dev/stdout.
         const bool removed = fs::is_regular_file(out, ec) && fs::remove(out, ec);
         throw Failure(fmt::format("{}: writing {} failed{}; {}", out, FindFormat(outCode)->Name, caught,
                                   removed ? "the partial output was removed" : "no output was left behind"));
     }
-    std::string notes;
+
+    // What was carried and what was not.
+    std::vector<std::string> notes;
+    notes.push_back(fmt::format("{} part{}", parts.size(), parts.size() == 1 ? "" : "s"));
+    if (counts.EmptyLayersDropped)
+        notes.push_back(fmt::format("{} empty layers dropped", counts.EmptyLayersDropped));
+    if (counts.ContoursTurnedToVectors)
+        notes.push_back(fmt::format("{} contours written as vectors", counts.ContoursTurnedToVectors));
+    if (counts.ContoursDropped)
+        notes.push_back(fmt::format("{} contours dropped", counts.ContoursDropped));
+    if ((losses & FormatLoss_Contours) && content.Contours)
+        notes.push_back(fmt::format("{} contours not written", content.Contours));
+    if ((losses & FormatLoss_OpenContours) && content.OpenContours)
+        notes.push_back(fmt::format("{} open contours closed or written as vectors", content.OpenContours));
+    if ((losses & FormatLoss_Hatches) && content.VectorBlocks)
+        notes.push_back(fmt::format("{} vector blocks not written", content.VectorBlocks));
+    if ((losses & FormatLoss_Points) && content.PointBlocks)
+        notes.push_back(fmt::format("{} point blocks not written", content.PointBlocks));
+    if ((losses & FormatLoss_Parts) && parts.size() > 1)
+        notes.push_back("parts merged");
+    const FormatDescriptor* inFamily = FormatRegistry::ForCode(inFormat.Code);
+    const unsigned inputLosses = inFamily ? inFamily->Losses : FormatLoss_None;
+    if ((losses & FormatLoss_Labels) && !(inputLosses & FormatLoss_Labels) &&
+        (content.Contours || content.VectorBlocks || content.PointBlocks))
+        notes.push_back("vector types and build parameters not kept");
+    if (options.InputUnits)
+        notes.push_back(fmt::format("input read at {} mm per step", *options.InputUnits));
     for (const std::string& note : setup.Notes)
-        notes += "; " + note;
-    const std::string unitName = setup.UnitConversion == MUnit::GetIE() ? "mm"
-                                 : setup.UnitConversion == static_cast<std::int32_t>(std::lround(MUnit::GetIE() * 25.4))
-                                     ? "inch"
-                                     : fmt::format("{} internal units", setup.UnitConversion);
+        notes.push_back(note);
+    std::string tail;
+    for (const std::string& note : notes)
+        tail += "; " + note;
     std::printf("%s -> %s: %llu layers as %s (code %d), %d steps per %s%s\n", in.c_str(), out.c_str(),
-                static_cast<unsigned long long>(stack.GetNumSlices()), FindFormat(outCode)->Name, outCode, resolution,
-                unitName.c_str(), notes.c_str());
+                static_cast<unsigned long long>(counts.Layers), FindFormat(outCode)->Name, outCode, resolution,
+                UnitName(setup.UnitConversion).c_str(), tail.c_str());
     return 0;
 }
 

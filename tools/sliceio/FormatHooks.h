@@ -7,6 +7,8 @@
 // The family's section of the settings file is the object under the descriptor's family name
 // ("cli", "sectioned", "wza", ...).
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,6 +17,7 @@
 
 class I2DSliceIO;
 class ISource2DSlices;
+class PersistentProperties;
 
 namespace sliceio {
 
@@ -22,11 +25,17 @@ namespace sliceio {
 struct WriterSetup
 {
     short Code = 0;               // the output's file-type code
-    I2DSliceIO* Writer = nullptr; // made by the factory for Code
+    I2DSliceIO* Writer = nullptr; // made by the factory for Code; its WriteEmptyLayers is on
+    // Set by a hook that writes with an object no code reaches (the second G-code writer):
+    // the conversion then writes with this one instead of Writer.
+    std::shared_ptr<I2DSliceIO> Replacement;
     nlohmann::json Settings = nlohmann::json::object(); // the family's section, {} when absent
     // The input as read: one source per part (with "PartID"/"PartName" properties where the
     // input names parts), its layer thickness in internal units (0: unknown).
     std::vector<const ISource2DSlices*> Sources;
+    // The properties of each source, in the same order, for a hook to add what its format
+    // needs and the input lacks (never replacing what is there).
+    std::vector<PersistentProperties*> SourceProperties;
     std::int32_t LayerThickness = 0;
     // The scale the file is written at; a hook may change it when the format reads back at one
     // scale only, unless ScaleGiven (the user asked for --units or --resolution): then it
@@ -48,6 +57,20 @@ struct FileReport
     // What the file declares, where the format records it: its layer count (-1: not
     // declared), for the tool to compare with the layers it reads.
     std::int64_t DeclaredLayers = -1;
+    // The extents the file declares, in millimetres: x, y, z minimum, then x, y, z maximum.
+    bool ExtentsDeclared = false;
+    double DeclaredExtents[6] = {};
+    // Per part index (the labels' e2DSliceVectorTypeIndex_Part), properties the file
+    // declares for the part: "PartName", "IsSupport", "IsVolumeSupport", ... `convert` puts
+    // them on the part's source.
+    std::map<std::int32_t, nlohmann::json> Parts;
+    // Millimetres per file step that the file means where its reader takes another scale
+    // (0: none); `convert` reads at this scale when told so with --input-units.
+    double MeantUnits = 0;
+    // A closed contour as the reader gives it starts with its closing repeat (the file
+    // stores it reversed and the reader turns it round), so that the repeat to drop is
+    // the first point, not the last.
+    bool RepeatLeads = false;
 };
 
 struct FormatHooks

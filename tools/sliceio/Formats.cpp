@@ -144,9 +144,8 @@ std::string DescribeReadFailure(const InputFormat& format, const std::string& pa
     return fmt::format("{}: reading as {} failed", path, format.Name);
 }
 
-int RunFormats(const std::vector<std::string>& words)
+int RunFormats()
 {
-    Arguments(words, {}, {}).ExpectPositional(0, "nothing");
     std::string out = fmt::format("{:>4}  {:<28}  {:<12}  {:<4}  {}\n", "code", "format", "extensions", "read", "write");
     for (const FormatInfo& info : FormatTable())
     {

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include "../../contracts/MUnit.h"
 #include "../../framework/M2DSliceContainerIterator.h"
@@ -84,25 +85,10 @@ Heights HeightRange(const M2DSliceContainerIterator& it)
     return z;
 }
 
-std::string JsonString(const std::string& text)
+// A number for the JSON report; null for a value that is not there or not finite.
+nlohmann::ordered_json JsonNumber(double value, bool present = true)
 {
-    std::string out = "\"";
-    for (const char c : text)
-    {
-        if (c == '"' || c == '\\')
-            out += {'\\', c};
-        else if (static_cast<unsigned char>(c) < 0x20)
-            out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
-        else
-            out += c;
-    }
-    return out + "\"";
-}
-
-// "%.6f" in the C locale; null for a value that is not there or not finite.
-std::string JsonNumber(double value, bool present = true)
-{
-    return present && std::isfinite(value) ? Fixed(value, 6) : "null";
+    return present && std::isfinite(value) ? nlohmann::ordered_json(value) : nlohmann::ordered_json(nullptr);
 }
 
 // Text cells: four decimals, exact for internal units; "-" when there is no value.
@@ -123,56 +109,71 @@ Extents ToExtents(const M2DSliceXYArea& area)
             Millimetres(area.YMax)};
 }
 
-std::string JsonExtents(const Extents& e)
+void JsonExtents(nlohmann::ordered_json& out, const Extents& e)
 {
-    return fmt::format("\"x_min_mm\": {}, \"x_max_mm\": {}, \"y_min_mm\": {}, \"y_max_mm\": {}",
-                       JsonNumber(e.XMin, e.Present), JsonNumber(e.XMax, e.Present), JsonNumber(e.YMin, e.Present),
-                       JsonNumber(e.YMax, e.Present));
+    out["x_min_mm"] = JsonNumber(e.XMin, e.Present);
+    out["x_max_mm"] = JsonNumber(e.XMax, e.Present);
+    out["y_min_mm"] = JsonNumber(e.YMin, e.Present);
+    out["y_max_mm"] = JsonNumber(e.YMax, e.Present);
 }
 
 std::string Json(const std::string& path, const InputFormat& format, const M2DSliceContainerIterator& it,
-                 bool layerTable, const FileReport& report)
+                 bool layerTable, const FileReport& report, bool declared)
 {
     const auto& table = it.GetLayerTable();
     const M2DSliceContainerScanInfo& totals = it.GetTotals();
     const Heights z = HeightRange(it);
     const double thickness = LayerThickness(it);
 
-    std::string out = "{\n";
-    out += fmt::format("  \"file\": {},\n", JsonString(path));
-    out += fmt::format("  \"format\": {},\n", JsonString(format.Name));
-    out += fmt::format("  \"type_code\": {},\n", format.Code);
-    out += fmt::format("  \"layers\": {},\n", table.size());
-    out += fmt::format("  \"z_min_mm\": {},\n", JsonNumber(z.Min, z.Present));
-    out += fmt::format("  \"z_max_mm\": {},\n", JsonNumber(z.Max, z.Present));
-    out += fmt::format("  \"layer_thickness_mm\": {},\n", JsonNumber(Millimetres(thickness), thickness > 0));
-    out += "  " + JsonExtents(ToExtents(totals.Area)) + ",\n";
-    out += fmt::format("  \"contours\": {},\n", totals.NumContours);
-    out += fmt::format("  \"vector_blocks\": {},\n", totals.NumVectorBlocks);
-    out += fmt::format("  \"contour_length_mm\": {},\n", JsonNumber(Millimetres(totals.ContourLength)));
-    out += fmt::format("  \"surface_area_mm2\": {}", JsonNumber(SquareMillimetres(totals.SurfaceArea)));
-    for (const auto& row : report.Rows)
-        out += fmt::format(",\n  {}: {}", JsonString(row.first), JsonString(row.second));
-    out += ",\n  \"warnings\": [";
-    for (std::size_t i = 0; i < report.Warnings.size(); ++i)
-        out += (i ? ", " : "") + JsonString(report.Warnings[i]);
-    out += "]";
+    nlohmann::ordered_json out;
+    out["file"] = path;
+    out["format"] = format.Name;
+    out["type_code"] = format.Code;
+    out["layers"] = table.size();
+    out["z_min_mm"] = JsonNumber(z.Min, z.Present);
+    out["z_max_mm"] = JsonNumber(z.Max, z.Present);
+    out["layer_thickness_mm"] = JsonNumber(Millimetres(thickness), thickness > 0);
+    JsonExtents(out, ToExtents(totals.Area));
+    out["contours"] = totals.NumContours;
+    out["vector_blocks"] = totals.NumVectorBlocks;
+    out["contour_length_mm"] = JsonNumber(Millimetres(totals.ContourLength));
+    out["surface_area_mm2"] = JsonNumber(SquareMillimetres(totals.SurfaceArea));
+    // What the header declares, on request, so that the keys above stay the same for every
+    // format; warnings whenever there are some.
+    if (declared)
+    {
+        nlohmann::ordered_json header = nlohmann::ordered_json::object();
+        if (report.DeclaredLayers >= 0)
+            header["layers"] = report.DeclaredLayers;
+        if (report.ExtentsDeclared)
+            header["extents_mm"] = report.DeclaredExtents;
+        for (const auto& row : report.Rows)
+            header[row.first] = row.second;
+        header["parts"] = nlohmann::ordered_json::object();
+        for (const auto& [part, properties] : report.Parts)
+            header["parts"][std::to_string(part)] = properties;
+        out["declared"] = header;
+    }
+    if (!report.Warnings.empty())
+        out["warnings"] = report.Warnings;
     if (layerTable)
     {
-        out += ",\n  \"layer_table\": [";
+        out["layer_table"] = nlohmann::ordered_json::array();
         for (std::size_t i = 0; i < table.size(); ++i)
         {
             const M2DSliceContainerScanInfo& info = table[i].Info;
-            out += fmt::format(
-                "{}\n    {{\"index\": {}, \"z_mm\": {}, \"contours\": {}, \"vector_blocks\": {}, "
-                "\"contour_length_mm\": {}, \"surface_area_mm2\": {}, {}}}",
-                i == 0 ? "" : ",", i, JsonNumber(Millimetres(info.Z)), info.NumContours, info.NumVectorBlocks,
-                JsonNumber(Millimetres(info.ContourLength)), JsonNumber(SquareMillimetres(info.SurfaceArea)),
-                JsonExtents(ToExtents(info.Area)));
+            nlohmann::ordered_json row;
+            row["index"] = i;
+            row["z_mm"] = JsonNumber(Millimetres(info.Z));
+            row["contours"] = info.NumContours;
+            row["vector_blocks"] = info.NumVectorBlocks;
+            row["contour_length_mm"] = JsonNumber(Millimetres(info.ContourLength));
+            row["surface_area_mm2"] = JsonNumber(SquareMillimetres(info.SurfaceArea));
+            JsonExtents(row, ToExtents(info.Area));
+            out["layer_table"].push_back(std::move(row));
         }
-        out += table.empty() ? "]" : "\n  ]";
     }
-    return out + "\n}\n";
+    return out.dump(2) + "\n";
 }
 
 std::string Text(const std::string& path, const InputFormat& format, const M2DSliceContainerIterator& it,
@@ -223,13 +224,11 @@ std::string Text(const std::string& path, const InputFormat& format, const M2DSl
 
 } // namespace
 
-int RunInfo(const std::vector<std::string>& words)
+int RunInfo(const InfoOptions& options)
 {
-    const Arguments args(words, {"--type"}, {"--layers", "--json"});
-    args.ExpectPositional(1, "FILE");
-    const std::string& path = args.Positional(0);
+    const std::string& path = options.Path;
     CheckInputFile(path);
-    const InputFormat format = ResolveInputFormat(path, args.Value("--type"));
+    const InputFormat format = ResolveInputFormat(path, options.Type);
 
     const std::shared_ptr<I2DSliceIO> io = M2DSliceIOFactory::GetSliceIO(format.Code);
     std::unique_ptr<M2DSliceContainerIterator> it;
@@ -248,8 +247,8 @@ int RunInfo(const std::vector<std::string>& words)
     if (report.DeclaredLayers >= 0 && static_cast<std::uint64_t>(report.DeclaredLayers) != it->GetLayerTable().size())
         report.Warnings.push_back(fmt::format("the file declares {} layers but {} were read; 'sliceio check' tells more",
                                               report.DeclaredLayers, it->GetLayerTable().size()));
-    const std::string out = args.Flag("--json") ? Json(path, format, *it, args.Flag("--layers"), report)
-                                                : Text(path, format, *it, args.Flag("--layers"), report);
+    const std::string out = options.Json ? Json(path, format, *it, options.Layers, report, options.Declared)
+                                         : Text(path, format, *it, options.Layers, report);
     std::fwrite(out.data(), 1, out.size(), stdout);
     return 0;
 }

@@ -126,12 +126,10 @@ bool WriteSampleBuild(const std::string& path, std::uint32_t layers)
 
 } // namespace
 
-int RunSample(const std::vector<std::string>& words)
+int RunSample(const SampleOptions& options)
 {
-    const Arguments args(words, {"--layers"}, {});
-    args.ExpectPositional(1, "OUT.cli");
-    const std::string& out = args.Positional(0);
-    const auto layers = static_cast<std::uint32_t>(args.Number("--layers", 1, 100000, 20));
+    const std::string& out = options.Out;
+    const std::uint32_t layers = options.Layers;
     CheckOutputFile(out);
     if (!WriteSampleBuild(out, layers))
     {

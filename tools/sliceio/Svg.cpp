@@ -47,17 +47,13 @@ void MirrorY(M2DSlice& slice)
 
 } // namespace
 
-int RunSvg(const std::vector<std::string>& words)
+int RunSvg(const SvgOptions& options)
 {
-    const Arguments args(words, {"--layer", "--type"}, {});
-    args.ExpectPositional(2, "FILE and OUT.svg");
-    if (!args.Value("--layer"))
-        throw UsageError("missing option --layer N");
-    const std::uint64_t index = static_cast<std::uint64_t>(args.Number("--layer", 0, INT64_MAX, 0));
-    const std::string& path = args.Positional(0);
-    const std::string& out = args.Positional(1);
+    const std::uint64_t index = options.Layer;
+    const std::string& path = options.Path;
+    const std::string& out = options.Out;
     CheckInputFile(path);
-    const InputFormat format = ResolveInputFormat(path, args.Value("--type"));
+    const InputFormat format = ResolveInputFormat(path, options.Type);
     CheckOutputFile(out);
 
     const std::shared_ptr<I2DSliceIO> io = M2DSliceIOFactory::GetSliceIO(format.Code);

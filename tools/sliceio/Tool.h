@@ -1,6 +1,5 @@
 #pragma once
 #include <cstdint>
-#include <initializer_list>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -22,28 +21,6 @@ struct Failure : std::runtime_error
 struct UsageError : std::runtime_error
 {
     using std::runtime_error::runtime_error;
-};
-
-// The command line of one subcommand: positional words and "--name value", "--name=value"
-// or "--name" flags, in any order.
-class Arguments
-{
-public:
-    Arguments(const std::vector<std::string>& words, std::initializer_list<const char*> valueOptions,
-              std::initializer_list<const char*> flags);
-
-    // Throws a usage error unless there are exactly count positional words.
-    void ExpectPositional(std::size_t count, const char* what) const;
-    const std::string& Positional(std::size_t i) const { return _positional[i]; }
-    bool Flag(const std::string& name) const;
-    std::optional<std::string> Value(const std::string& name) const;
-    // The option's value as an integer within [min, max], or fallback when it is absent.
-    std::int64_t Number(const std::string& name, std::int64_t min, std::int64_t max, std::int64_t fallback) const;
-
-private:
-    std::vector<std::string> _positional;
-    std::vector<std::string> _flags;
-    std::vector<std::pair<std::string, std::string>> _values;
 };
 
 // One row of the file-type code table.
@@ -90,11 +67,55 @@ std::wstring WidePath(const std::string& path);
 // Numbers in the C locale, whatever the process's locale: fixed with the given decimals.
 std::string Fixed(double value, int decimals);
 
-int RunFormats(const std::vector<std::string>& words);
-int RunInfo(const std::vector<std::string>& words);
-int RunConvert(const std::vector<std::string>& words);
-int RunCheck(const std::vector<std::string>& words);
-int RunSvg(const std::vector<std::string>& words);
-int RunSample(const std::vector<std::string>& words);
+// What each command takes, filled in by the command line (main.cpp).
+struct InfoOptions
+{
+    std::string Path;
+    std::optional<std::string> Type;
+    bool Layers = false;
+    bool Json = false;
+    bool Declared = false; // --json: add what the header declares
+};
+
+struct CheckOptions
+{
+    std::string Path;
+    std::optional<std::string> Type;
+};
+
+struct ConvertOptions
+{
+    std::string In, Out;
+    std::optional<std::string> Type, To;
+    std::optional<std::string> Units;       // "mm" or "inch"
+    std::optional<std::int32_t> Resolution; // file steps per unit
+    std::optional<double> InputUnits;       // millimetres per step of the input, overriding its header
+    std::optional<std::string> Layers;      // "A:B", "A:" or ":B", layers numbered from 0
+    std::optional<std::string> Settings;    // path of the settings file
+    bool ContoursAsVectors = false;
+    bool NoContours = false;
+    bool DropEmptyLayers = false;
+    bool ShowSettings = false;
+};
+
+struct SvgOptions
+{
+    std::string Path, Out;
+    std::uint64_t Layer = 0;
+    std::optional<std::string> Type;
+};
+
+struct SampleOptions
+{
+    std::string Out;
+    std::uint32_t Layers = 20;
+};
+
+int RunFormats();
+int RunInfo(const InfoOptions& options);
+int RunCheck(const CheckOptions& options);
+int RunConvert(const ConvertOptions& options);
+int RunSvg(const SvgOptions& options);
+int RunSample(const SampleOptions& options);
 
 } // namespace sliceio

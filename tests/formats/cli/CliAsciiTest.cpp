@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <sstream>
 
 #include "BuildGenerator.h"
 #include "FormatTestKit.h"
@@ -77,6 +78,32 @@ TEST(M2DSliceIO_cli_ascii, WritesTheTextLineByLine)
     EXPECT_NE(b.find("$$LABEL/1,part1\n"), std::string::npos);
     EXPECT_NE(b.find("$$POLYLINE/5,1,5,"), std::string::npos);
     EXPECT_NE(b.find("$$HATCHES/5,2,"), std::string::npos);
+
+    // Any coordinate prints as a default stream prints value / step: general form, six digits.
+    {
+        std::vector<M2DSliceVector> vectors;
+        std::uint64_t seed = 7;
+        const auto next = [&seed] {
+            seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+            return static_cast<int>(seed >> 33) - (1 << 30);
+        };
+        for (int i = 0; i < 20000; ++i)
+            vectors.emplace_back(next(), next() >> (i % 31), next() >> 20, i);
+        M2DSliceStack odd;
+        M2DSlice slice;
+        slice.SetZ(12345);
+        AddHatches(slice, vectors);
+        odd.AddSlice(slice, true);
+        ASSERT_TRUE(Write(odd, dir.File("odd.cli"), 7));
+        std::ostringstream line;
+        const double c = 10000.0 / 7;
+        line << "$$LAYER/" << 12345 / c << "\n$$HATCHES/1," << vectors.size();
+        for (const M2DSliceVector& v : vectors)
+            line << "," << v.x1 / c << "," << v.y1 / c << "," << v.x2 / c << "," << v.y2 / c;
+        const std::string text = ReadFile(dir.File("odd.cli"));
+        const std::size_t at = text.find("$$LAYER/");
+        EXPECT_TRUE(kit::SameBytes(line.str() + "\n$$GEOMETRYEND\n", text.substr(at)));
+    }
 
     // One block of 70,000 hatches is one line.
     M2DSliceStack big;

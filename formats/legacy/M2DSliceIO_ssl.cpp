@@ -1,0 +1,318 @@
+#include "M2DSliceIO_ssl.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+
+#include "../../contracts/StringConversion.h"
+#include "../../framework/ConvertKernels.h"
+#include "LegacyBuffer.h"
+
+namespace {
+
+using ConvertKernels::Round;
+
+const char kDelimiters[] = " \r\n";
+constexpr std::size_t kPathCharacters = 256;
+
+inline bool IsDigit(int c) { return c >= '0' && c <= '9'; }
+
+// Two numbers of a line ("%f %f\n") to the buffer.
+void PutPair(legacy::OutBuffer& out, float a, float b)
+{
+    char* start = out.Grow(2 * 64 + 2);
+    char* p = start;
+    p += M2DSliceIO_ssl::FormatFixed6(a, p);
+    *p++ = ' ';
+    p += M2DSliceIO_ssl::FormatFixed6(b, p);
+    *p++ = '\n';
+    // Give back what the line did not use.
+    out.Shrink(static_cast<std::size_t>(2 * 64 + 2 - (p - start)));
+}
+
+} // namespace
+
+std::size_t M2DSliceIO_ssl::FormatFixed6(float value, char* out)
+{
+    // A float times 10^6 is exact in a double (24 + 14 significant bits), so rounding that
+    // product to an integer, halves to even, rounds the exact value as printf does.
+    const double scaled = static_cast<double>(value) * 1e6;
+    if (!(std::fabs(scaled) < 9.0e15))
+        return static_cast<std::size_t>(std::snprintf(out, 64, "%f", static_cast<double>(value)));
+    const double rounded = std::nearbyint(std::fabs(scaled));
+    auto units = static_cast<std::uint64_t>(rounded);
+    char digits[32];
+    int n = 0;
+    std::uint64_t whole = units / 1000000;
+    std::uint32_t fraction = static_cast<std::uint32_t>(units % 1000000);
+    char* p = out;
+    if (std::signbit(value))
+        *p++ = '-';
+    do
+    {
+        digits[n++] = static_cast<char>('0' + whole % 10);
+        whole /= 10;
+    } while (whole > 0);
+    while (n > 0)
+        *p++ = digits[--n];
+    *p++ = '.';
+    for (int i = 5; i >= 0; --i)
+    {
+        p[i] = static_cast<char>('0' + fraction % 10);
+        fraction /= 10;
+    }
+    p += 6;
+    return static_cast<std::size_t>(p - out);
+}
+
+M2DSliceIO_ssl::M2DSliceIO_ssl() = default;
+
+M2DSliceIO_ssl::~M2DSliceIO_ssl() = default;
+
+bool M2DSliceIO_ssl::_OpenFile(const std::wstring& /*path*/, MOpenMode /*mode*/) { return true; }
+
+bool M2DSliceIO_ssl::_CloseFile() { return true; }
+
+bool M2DSliceIO_ssl::_WriteHeader(const std::vector<const ISource2DSlices*>& /*sources*/)
+{
+    // Always inches, whatever was asked for.
+    _properties.UnitConversionFactor = static_cast<std::int32_t>(std::lround(MUnit::GetIE() * 25.4));
+    std::string path = StringConversion::NativeToLocale(_path);
+    if (path.size() > kPathCharacters)
+        path.resize(kPathCharacters);
+    // The path has no closing parenthesis and no line end: the unit line follows directly.
+    std::string header = "Slice V0\nFILE(0," + path;
+    header += _properties.UnitConversionFactor == MUnit::GetIE() ? "UNITS(MM)\n" : "UNITS(INCH)\n";
+    header += "SLICES()\n";
+    return _file.WRITE_STRING(header) || _Fail("the header could not be written");
+}
+
+bool M2DSliceIO_ssl::_WriteLayer(const std::vector<const ISource2DSlices*>& sources, std::int32_t /*z*/,
+                                 const M2DSliceConstDataItems& items)
+{
+    std::vector<const M2DSlice*> slices;
+    _GetSlicesFromItems(items, slices);
+    const M2DSlice* slice = slices.empty() ? nullptr : slices[0];
+    if (!slice)
+        return true;
+    const auto unit = static_cast<float>(_properties.UnitConversionFactor);
+    const MSliceFileParameters* parameters = sources.empty() || !sources[0] ? nullptr : sources[0]->GetSliceParameters();
+    const std::int32_t thickness = parameters ? parameters->LayerThickness : 0;
+
+    legacy::OutBuffer out(_file, _out);
+    out.Text("Z ");
+    PutPair(out, static_cast<float>(slice->GetZ()) / unit, static_cast<float>(thickness) / unit);
+    for (const M2DSliceContour& contour : *slice->GetSliceBorder())
+    {
+        for (const M2DSliceContourPoint& point : contour)
+        {
+            PutPair(out, static_cast<float>(point.x) / unit, static_cast<float>(point.y) / unit);
+            if (!out.MaybeFlush())
+                return _Fail("a layer could not be written");
+        }
+        out.Text("C\n");
+    }
+    for (const M2DSliceVectorBlock* block = slice->GetVectors()->GetFirstVectorBlock(); block;
+         block = block->GetNextVectorBlock())
+        for (const M2DSliceVector& v : block->Vectors)
+        {
+            PutPair(out, static_cast<float>(v.x1) / unit, static_cast<float>(v.y1) / unit);
+            PutPair(out, static_cast<float>(v.x2) / unit, static_cast<float>(v.y2) / unit);
+            out.Text("O\n");
+            if (!out.MaybeFlush())
+                return _Fail("a layer could not be written");
+        }
+    return out.Flush() || _Fail("a layer could not be written");
+}
+
+bool M2DSliceIO_ssl::_WriteFooter(const std::vector<const ISource2DSlices*>& /*sources*/)
+{
+    return _file.WRITE_STRING("END\n") || _Fail("the end line could not be written");
+}
+
+bool M2DSliceIO_ssl::_ReadHeader(ITarget2DSlices* /*target*/)
+{
+    _file.REWIND();
+    if (!_file.SEARCH_STRING("SLICES()", -1, false))
+        return _Fail("no \"SLICES()\" line: not an SSL file");
+    const std::int64_t h = _file.TELL();
+
+    _file.REWIND();
+    _properties.UnitConversionFactor = static_cast<std::int32_t>(std::lround(MUnit::GetIE() * 25.4));
+    if (_file.SEARCH_STRING("UNITS(", h, true))
+    {
+        char unit[32];
+        _file.READ_STRING_UNTIL(unit, ")", sizeof unit);
+        if (std::strcmp(unit, "INCH") != 0)
+            _properties.UnitConversionFactor = MUnit::GetIE();
+    }
+    // The last ")" that follows within 64 KiB of the one before, then the first "Z" behind it.
+    _file.SEEK(h, 0);
+    std::int64_t last = h;
+    while (_file.SEARCH_STRING(")", _file.TELL() + 65536, true))
+        last = _file.TELL();
+    _file.SEEK(last, 0);
+    if (_file.SEARCH_STRING("Z", -1, true))
+        _file.SEEK(-1, 1);
+    return true;
+}
+
+bool M2DSliceIO_ssl::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool readVectors)
+{
+    M2DSliceContainerScanInfo info;
+    {
+        MLayerReader reader(slice, info);
+        if (!_FetchLayer(reader, readVectors))
+            return false;
+    }
+    _ExtendSliceArea(slice, info.Area);
+    slice.SetZ(info.Z);
+    return true;
+}
+
+bool M2DSliceIO_ssl::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool readVectors)
+{
+    MLayerScanner scanner(info);
+    return _FetchLayer(scanner, readVectors);
+}
+
+bool M2DSliceIO_ssl::_ReadFooter(ITarget2DSlices* /*target*/)
+{
+    const std::int64_t at = _file.TELL();
+    if (_file.SEARCH_STRING("END\n", -1, true))
+        return true;
+    _file.SEEK(at, 0);
+    return _file.SEARCH_STRING("END\r\n", -1, true) || _Fail("no \"END\" line");
+}
+
+bool M2DSliceIO_ssl::_ReadStringWithSkipDelimitersOnBegin(char* out, const char* delimiters, std::uint64_t size)
+{
+    int c;
+    do
+        c = _file.GETC();
+    while (c > 0 && std::strchr(delimiters, c));
+    if (c < 0)
+    {
+        if (size > 0)
+            out[0] = '\0';
+        return false;
+    }
+    std::uint64_t n = 0;
+    for (; c >= 0 && !(c > 0 && std::strchr(delimiters, c)); c = _file.GETC())
+        if (n + 1 < size)
+            out[n++] = static_cast<char>(c);
+    if (size > 0)
+        out[n] = '\0';
+    return true;
+}
+
+bool M2DSliceIO_ssl::_ReadPoint(int& x, int& y)
+{
+    int c;
+    do
+        c = _file.GETC();
+    while (c >= 0 && !IsDigit(c));
+    if (c < 0)
+        return false;
+    double value = 0.0;
+    for (; IsDigit(c); c = _file.GETC())
+        value = value * 10.0 + (c - '0');
+    if (c == '.' || c == ',')
+    {
+        double place = 1.0;
+        for (c = _file.GETC(); IsDigit(c); c = _file.GETC())
+        {
+            place /= 10.0;
+            value += (c - '0') * place;
+        }
+    }
+    float yValue;
+    if (!_ReadTextValue(yValue))
+        return false;
+    const double unit = _properties.UnitConversionFactor;
+    x = Round(value * unit);
+    y = Round(static_cast<double>(yValue) * unit);
+    return true;
+}
+
+bool M2DSliceIO_ssl::_FetchLayer(ILayerInput& input, bool /*flag*/)
+{
+    const std::int64_t start = _file.TELL();
+    const int first = _file.GETC();
+    if (first != 'Z')
+    {
+        _file.SEEK(start, 0);
+        // "END" or the end of the file close the layers; anything else is damage.
+        return first < 0 || first == 'E' ? false : _FailAt("a layer does not start with \"Z\"", start);
+    }
+    float z, thickness;
+    if (!_ReadTextValue(z) || !_ReadTextValue(thickness))
+        return _FailAt("the \"Z\" line is cut short", start);
+    const double unit = _properties.UnitConversionFactor;
+    input.SetZ(Round(static_cast<double>(z) * unit));
+
+    char token[16];
+    std::int64_t mark = _file.TELL();
+    std::uint64_t n = 0; // number tokens since the last "C" or "O"
+    for (;;)
+    {
+        if (!_ReadStringWithSkipDelimitersOnBegin(token, kDelimiters, sizeof token))
+        {
+            input.EndContour(false);
+            return _FailAt("a layer is not closed by \"Z\" or \"END\"", start);
+        }
+        if (std::strcmp(token, "Z") == 0)
+        {
+            _file.SEEK(-2, 1);
+            break;
+        }
+        if (std::strcmp(token, "END") == 0)
+        {
+            _file.SEEK(-4, 1);
+            break;
+        }
+        const bool closed = std::strcmp(token, "C") == 0;
+        if (!closed && std::strcmp(token, "O") != 0)
+        {
+            ++n;
+            continue;
+        }
+        _file.SEEK(mark, 0);
+        int x, y;
+        if (closed)
+        {
+            input.StartContour(e2DSliceVectorType_None);
+            input.SetContourClosed(true);
+            for (std::uint64_t i = 0; i < n / 2; ++i)
+            {
+                if (!_ReadPoint(x, y))
+                    return _FailAt("a point of a contour is cut short", mark);
+                input.AddContourPoint(x, y);
+            }
+        }
+        else
+        {
+            if (n > 4)
+                n = 2 * n - 4;
+            input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_None), 0);
+            if (!_ReadPoint(x, y))
+                return _FailAt("a point of a line is cut short", mark);
+            for (std::uint64_t i = 0; i < n / 4; ++i)
+            {
+                int nx, ny;
+                if (!_ReadPoint(nx, ny))
+                    return _FailAt("a point of a line is cut short", mark);
+                input.AddVector(M2DSliceVector(x, y, nx, ny));
+                x = nx;
+                y = ny;
+            }
+            input.EndVectorBlock(true);
+        }
+        // Past the closing letter, and on to the next run.
+        _ReadStringWithSkipDelimitersOnBegin(token, kDelimiters, sizeof token);
+        mark = _file.TELL();
+        n = 0;
+    }
+    input.EndContour(false);
+    return true;
+}

@@ -1,0 +1,153 @@
+// SSL: the text worked out by hand, always in inches; the reader's quirks (decimal comma in
+// X, lost signs, "O" runs), millimetre files, and the "%f" formatting against the C library.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <random>
+
+#include "BuildGenerator.h"
+#include "FormatTestKit.h"
+#include "LegacyTestSupport.h"
+#include "formats/legacy/M2DSliceIO_ssl.h"
+
+namespace {
+
+using legacy_test::Read;
+using legacy_test::StackOf;
+using legacy_test::Write;
+
+constexpr int kInch = 254000;
+
+std::string Printf(float v)
+{
+    char text[80];
+    std::snprintf(text, sizeof text, "%f", static_cast<double>(v));
+    return text;
+}
+
+} // namespace
+
+TEST(SslTest, FixedFormattingMatchesTheCLibrary)
+{
+    std::mt19937 random(7);
+    std::uniform_int_distribution<std::int32_t> coordinate(-2000000000, 2000000000);
+    std::vector<float> values = {0.0f, -0.0f, 0.5f, 1e-7f, -1e-7f, 0.0000005f, 0.0000015f, 0.0000025f, 123456.789f,
+                                 3.4e38f, -1.0f / 3.0f};
+    for (int i = 0; i < 200000; ++i)
+        values.push_back(static_cast<float>(coordinate(random)) / (i % 2 ? 254000.0f : 10000.0f));
+    for (int i = 0; i < 2000; ++i) // exact halves of the sixth decimal
+        values.push_back(static_cast<float>(i) / 64.0f / 1e6f);
+    for (float v : values)
+    {
+        char text[80];
+        const std::size_t n = M2DSliceIO_ssl::FormatFixed6(v, text);
+        ASSERT_EQ(std::string(text, n), Printf(v)) << v;
+    }
+}
+
+TEST(SslTest, FileTextAndBack)
+{
+    ts::ScratchDir dir;
+    // One layer at 0.5 inch: an outer square of one inch and a hatch line; written in inches
+    // even though millimetres are asked for.
+    auto stack = StackOf({kInch / 2}, [](std::int32_t) {
+        M2DSlice slice;
+        ts::AddContour(slice, ts::Square(kInch, 0, kInch));
+        ts::AddHatches(slice, {M2DSliceVector(kInch / 4, kInch / 2, kInch * 3 / 4, kInch / 2)});
+        return slice;
+    });
+    stack->GetSliceParametersUpdate().LayerThickness = kInch / 8;
+    M2DSliceIO_ssl io;
+    const std::string path = dir.File("a.ssl");
+    ASSERT_TRUE(Write(io, {stack.get()}, path, 10000, 1000));
+    const std::string expected = "Slice V0\nFILE(0," + path +
+                                 "UNITS(INCH)\nSLICES()\n"
+                                 "Z 0.500000 0.125000\n"
+                                 "1.000000 0.000000\n1.000000 1.000000\n2.000000 1.000000\n2.000000 0.000000\nC\n"
+                                 "0.250000 0.500000\n0.750000 0.500000\nO\n"
+                                 "END\n";
+    EXPECT_TRUE(kit::SameBytes(expected, ts::ReadFile(path)));
+
+    M2DSliceIO_ssl reader;
+    const std::vector<M2DSlice> layers = Read(reader, path);
+    EXPECT_EQ(reader.GetFailureReason(), "");
+    ASSERT_EQ(layers.size(), 1u);
+    EXPECT_EQ(layers[0].GetZ(), kInch / 2);
+    ASSERT_EQ(layers[0].GetSliceBorder()->GetNumContours(), 1u);
+    EXPECT_TRUE(layers[0].GetSliceBorder()->GetContour(0)->GetIsClosed());
+    EXPECT_EQ(ts::PointsOf(*layers[0].GetSliceBorder()->GetContour(0)), ts::Square(kInch, 0, kInch));
+    ASSERT_EQ(layers[0].GetVectors()->GetTotalNumVectors(), 1u);
+    EXPECT_EQ(layers[0].GetVectors()->GetVectorBlock(0)->Vectors[0],
+              M2DSliceVector(kInch / 4, kInch / 2, kInch * 3 / 4, kInch / 2));
+}
+
+TEST(SslTest, ReaderQuirks)
+{
+    ts::ScratchDir dir;
+    // Millimetres ("mm" is not "INCH"); a decimal comma in X; a minus sign lost; an "O" after
+    // three points gives 2 vectors, after two points 1; an empty layer is just its "Z" line.
+    const std::string text = "Slice V0\nFILE(0,x.sslUNITS(mm)\nSLICES()\n"
+                             "Z 0.1 0.1\n1,5 2.5\n-3 4\n5 6\nC\n"
+                             "0 0\n1 0\n2 0\nO\n7 7\n8 8\nO\n"
+                             "Z 0.2 0.1\n"
+                             "Z 0.3 0.1\n1 1\n2 2\r\nO\r\nEND\r\n";
+    ts::WriteFile(dir.File("q.ssl"), text);
+    M2DSliceIO_ssl reader;
+    const std::vector<M2DSlice> layers = Read(reader, dir.File("q.ssl"));
+    EXPECT_EQ(reader.GetFailureReason(), "");
+    ASSERT_EQ(layers.size(), 3u);
+    EXPECT_EQ(layers[0].GetZ(), 1000);
+    ASSERT_EQ(layers[0].GetSliceBorder()->GetNumContours(), 1u);
+    EXPECT_EQ(ts::PointsOf(*layers[0].GetSliceBorder()->GetContour(0)),
+              (ts::Points{{15000, 25000}, {30000, 40000}, {50000, 60000}}));
+    const M2DSliceVectorLayer& v = *layers[0].GetVectors();
+    ASSERT_EQ(v.GetTotalNumVectors(), 3u);
+    EXPECT_EQ(v.GetVectorBlock(0)->Vectors[0], M2DSliceVector(0, 0, 10000, 0));
+    EXPECT_EQ(v.GetVectorBlock(0)->Vectors[1], M2DSliceVector(10000, 0, 20000, 0));
+    EXPECT_EQ(layers[1].GetZ(), 2000);
+    EXPECT_TRUE(layers[1].IsEmpty());
+    EXPECT_EQ(layers[2].GetVectors()->GetTotalNumVectors(), 1u);
+
+    // No "SLICES()": refused. A layer that neither "Z" nor "END" closes: damage.
+    ts::WriteFile(dir.File("n.ssl"), "Slice V0\nUNITS(INCH)\n");
+    bool headerOk = true;
+    M2DSliceIO_ssl none;
+    Read(none, dir.File("n.ssl"), &headerOk);
+    EXPECT_FALSE(headerOk);
+    ts::WriteFile(dir.File("d.ssl"), "Slice V0\nSLICES()\nZ 1 1\n1 1\n2 2\nO\n3 3\n");
+    M2DSliceIO_ssl damaged;
+    EXPECT_EQ(Read(damaged, dir.File("d.ssl")).size(), 0u);
+    EXPECT_NE(damaged.GetFailureReason(), "");
+}
+
+TEST(SslTest, OnlyTheFirstSliceOfALayerIsWritten)
+{
+    ts::ScratchDir dir;
+    auto a = ts::MakeStack({1000}, 0, 0, 10000);
+    auto b = ts::MakeStack({1000}, 50000, 0, 10000);
+    M2DSliceIO_ssl io;
+    ASSERT_TRUE(Write(io, {a.get(), b.get()}, dir.File("m.ssl"), 10000, 1));
+    M2DSliceIO_ssl reader;
+    const std::vector<M2DSlice> layers = Read(reader, dir.File("m.ssl"));
+    ASSERT_EQ(layers.size(), 1u);
+    EXPECT_EQ(layers[0].GetSliceBorder()->GetNumContours(), 1u);
+    EXPECT_LT(layers[0].GetXYArea(false).XMax, 50000);
+}
+
+TEST(SslTest, RoundTripAndDamage)
+{
+    ts::ScratchDir dir;
+    const BuildGenerator build(BuildShape::Rich(6, 1));
+    std::string reason;
+    auto back = kit::RoundTrip(5, {&build}, dir.File("r.ssl"), 10000, 1000, &reason);
+    ASSERT_TRUE(back) << reason;
+    kit::ExpectSameBuild({&build}, *back, FormatRegistry::ForCode(5)->Losses, 2);
+
+    const BuildGenerator small(BuildShape::Rich(2, 1));
+    ASSERT_TRUE(kit::RoundTrip(5, {&small}, dir.File("s.ssl"), 10000, 1000, &reason)) << reason;
+    const std::string bytes = ts::ReadFile(dir.File("s.ssl"));
+    kit::SweepOptions options;
+    options.MaxCases = 1200;
+    kit::SweepTruncations(5, bytes, options);
+    kit::SweepCorruptions(5, bytes, options);
+}
