@@ -98,6 +98,9 @@ std::vector<std::unique_ptr<PartSource>> SplitIntoParts(const ISource2DSlices& s
                     {
                         M2DSliceVectorBlock* block = part.GetVectorsUpdate()->AddVectorBlockAtEnd();
                         block->SetTypeInfo(contour.GetTypeInfo());
+                        // A contour of no kind (from a format without labels) is an outline.
+                        if (block->GetTypeInfo().GetType() == e2DSliceVectorType_None)
+                            block->GetTypeInfoUpdate().SetType(e2DSliceVectorType_Border);
                         M2DSliceUtilities::ConvertContourToVectors(contour, *block);
                     }
                     ++counts.ContoursTurnedToVectors;
@@ -108,7 +111,12 @@ std::vector<std::unique_ptr<PartSource>> SplitIntoParts(const ISource2DSlices& s
             for (std::size_t k = 0; k < slice->GetVectors()->GetNumVectorBlocks(); ++k)
             {
                 const M2DSliceVectorBlock* block = slice->GetVectors()->GetVectorBlock(k);
-                *split.For(PartOf(block->GetTypeInfo())).GetVectorsUpdate()->AddVectorBlockAtEnd() = *block;
+                M2DSliceVectorBlock* copy = split.For(PartOf(block->GetTypeInfo())).GetVectorsUpdate()->AddVectorBlockAtEnd();
+                *copy = *block;
+                // Vectors of no kind (from a format without labels) are hatches: writers that
+                // keep only the kinds they know would drop them otherwise.
+                if (copy->GetTypeInfo().GetType() == e2DSliceVectorType_None)
+                    copy->GetTypeInfoUpdate().SetType(e2DSliceVectorType_Hatch);
             }
             for (std::size_t k = 0; k < slice->GetPoints()->GetNumPointBlocks(); ++k)
             {
