@@ -76,8 +76,11 @@ ScanValues ValuesFromJson(const json& j, const std::string& key, ScanValues v)
 {
     if (!j.is_object())
         Wrong(key, "an object of scan values");
-    for (const auto& [name, value] : j.items())
+    for (const auto& item : j.items())
     {
+        // Plain names, not structured bindings: lambdas below take them.
+        const std::string name = item.key();
+        const json& value = item.value();
         const std::string where = key + "." + name;
         auto whole = [&]() {
             if (!IsWhole(value))
