@@ -540,9 +540,12 @@ bool M2DSliceIO_jm::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, boo
 
 bool M2DSliceIO_jm::_ScanLayer(M2DSliceContainerScanInfo& /*info*/, ITarget2DSlices* /*target*/, bool /*readVectors*/)
 {
-    // Nothing is measured; like reading, the fragment is one layer, so a scan ends.
+    // Nothing is measured; like reading, the fragment is one layer, so a scan ends, and a file
+    // too short for it has none.
     if (_layerRead)
         return false;
     _layerRead = true;
+    if (_file.GET_SIZE() < 32764)
+        return _Fail("a JM file holds a header and at least one record (32,764 bytes or more)");
     return true;
 }
