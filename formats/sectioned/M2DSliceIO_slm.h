@@ -144,6 +144,10 @@ public:
     void SetDefaultBuildStyles(const std::vector<BuildStyle>& styles);
     // True when the properties carry a build style list of their own.
     static bool NamesBuildStyles(const PersistentProperties* properties);
+    // Writes blocks of a kind that is neither hatch nor polygon (kind 0 and above 11), which
+    // are otherwise dropped: as polygons when every vector starts where the one before ends,
+    // else as hatches. Off by default.
+    void SetKindlessBlocksInferred(bool on) { _inferKindless = on; }
     // Writes each contour as a polygon block (closed ones with their closing segment) ahead
     // of the slice's vector blocks, labelled as the contour is. Off by default: then contours
     // are not written at all.
@@ -310,6 +314,7 @@ protected:
     bool _WriteCompressed();
     bool _ReadCompressed();
     bool _contoursAsPolygons = false;
+    bool _inferKindless = false;
     std::vector<std::unique_ptr<M2DSliceVectorBlock>> _contourBlocks; // one layer section's contours
     std::map<std::string, std::string> _headerInfo;
     // Writing: the header as written (patched in memory too) and the running checksum of

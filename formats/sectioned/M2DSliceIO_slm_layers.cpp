@@ -90,9 +90,20 @@ void M2DSliceIO_slm::_ExtractBlocks(const M2DSlice& slice, std::vector<VectorBlo
     {
         const M2DSliceVectorTypeInfo& info = block->GetTypeInfo();
         const auto n = static_cast<std::int64_t>(block->Vectors.size());
-        if (IsHatchType(info.GetType()) || info.GetIndex(e2DSliceVectorTypeIndex_Parameter) == 19)
+        bool hatch = IsHatchType(info.GetType()) || info.GetIndex(e2DSliceVectorTypeIndex_Parameter) == 19;
+        bool polygon = !hatch && IsPolygonType(info.GetType());
+        if (!hatch && !polygon && _inferKindless)
+        {
+            const M2DSliceVector* v = block->Vectors.data();
+            std::int64_t i = 1;
+            while (i < n && v[i].x1 == v[i - 1].x2 && v[i].y1 == v[i - 1].y2)
+                ++i;
+            polygon = i >= n;
+            hatch = !polygon;
+        }
+        if (hatch)
             extracts.push_back({block, false, 0, n});
-        else if (IsPolygonType(info.GetType()))
+        else if (polygon)
         {
             // A chain ends where a vector does not start at the end of the one before.
             const M2DSliceVector* v = block->Vectors.data();

@@ -327,16 +327,19 @@ TEST(CompressionTest, CompressedFilesWrittenAndReadThroughTheFormat)
     ts::WriteFile(dir.File("c2.slm"), coded);
     inner = Decompressed(dir.File("c2.slm"), dir.File("inner.slm"), true);
     EXPECT_EQ(inner.substr(9, 16), std::string("\x02\x0EMTT-Layerfile\0", 16));
-    for (bool byDefault : {false, true})
+    const bool before = M2DSliceIO_slm::GetDecompressRepairByDefault();
+    for (bool repair : {false, true})
     {
-        M2DSliceIO_slm::SetDecompressRepairByDefault(byDefault);
+        // New objects take the process-wide default.
+        M2DSliceIO_slm::SetDecompressRepairByDefault(repair);
         auto reader = std::make_shared<M2DSliceIO_slm>(false);
-        M2DSliceIO_slm::SetDecompressRepairByDefault(false);
+        M2DSliceIO_slm::SetDecompressRepairByDefault(before);
+        EXPECT_EQ(reader->GetDecompressRepair(), repair);
         std::shared_ptr<I2DSliceIO> io = reader;
         M2DSliceContainerIO in(io);
         auto read = std::make_unique<M2DSliceStack>();
         const bool ok = in.ReadContainer(*read, dir.WFile("c.slm"), true, nullptr);
-        if (!byDefault)
+        if (!repair)
         {
             // Read literally, the header's sections 44 and 41 come back with a minimal size
             // while the header keeps its old size: the file does not read.

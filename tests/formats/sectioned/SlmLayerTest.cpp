@@ -67,6 +67,16 @@ TEST(SlmLayerTest, BlocksBecomeHatchOrPolygonSectionsByKindAndStyle)
                                    .f32(0).f32(0).f32(0).f32(1).f32(1).f32(1).f32(1).f32(0).f32(0).f32(0)
                                    .s;
     EXPECT_TRUE(kit::SameBytes(square + expected, FirstLayer(withContours)));
+
+    // Asked to, blocks of no known kind are written too: the kind 12 block, a chain of one
+    // vector, as a polygon.
+    const std::string kindless =
+        WriteSlm({stack.get()}, dir.File("kindless.slm"), [](M2DSliceIO_slm& io) { io.SetKindlessBlocksInferred(true); });
+    const std::string chain = Bytes()
+                                  .text(std::string("\x0B\x16\x12\x02\x01\x03\x13\x10", 8))
+                                  .f32(0).f32(0).f32(1).f32(0)
+                                  .s;
+    EXPECT_TRUE(kit::SameBytes(expected + chain, FirstLayer(kindless)));
 }
 
 TEST(SlmLayerTest, FlaggedPolygonCarriesModelStyleAndTheFactoredExtraStyle)

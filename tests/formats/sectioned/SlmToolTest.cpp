@@ -3,7 +3,9 @@
 // back, the millimetre scale enforced, and what `info` shows of the header.
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <tuple>
 
 #include "SlmTestSupport.h"
 #include "framework/M2DSliceContainerIterator.h"
@@ -75,8 +77,8 @@ TEST_F(SlmToolTest, CliConvertsToSlmAndBackWithoutSettings)
 
     const ToolResult from = Tool({"convert", slm, back});
     ASSERT_EQ(from.Code, 0) << from.Err;
-    // The hatches come back exactly (CLI's 1/1000 mm step holds them) and the contours as
-    // polygon blocks of their segments.
+    // The hatches come back exactly (CLI's 1/1000 mm step holds them), among the contours'
+    // segments, which come as polygon blocks of each part ahead of its hatches.
     const auto input = VectorsOf(cli, 0), output = VectorsOf(back, 0);
     ASSERT_EQ(input.size(), 6u);
     ASSERT_EQ(output.size(), 6u);

@@ -55,6 +55,7 @@ json Defaults()
     settings["MaterialDatabaseXml"] = ""; // path; with ConfigXml, gives generating parameters
     settings["ConfigXml"] = "";
     settings["ContoursAsPolygons"] = true; // false: contours are not written
+    settings["KindlessBlocks"] = true;     // blocks of no known kind: chains as polygons, else hatches
     settings["WriteOrder"] = "PerSlice";   // or "ByBuildOrder"
     return settings;
 }
@@ -178,6 +179,9 @@ void Prepare(WriterSetup& setup)
         Wrong("ContoursAsPolygons", "true or false");
     const bool contours = settings["ContoursAsPolygons"].get<bool>();
     slm->SetContoursAsPolygons(contours);
+    if (!settings["KindlessBlocks"].is_boolean())
+        Wrong("KindlessBlocks", "true or false");
+    slm->SetKindlessBlocksInferred(settings["KindlessBlocks"].get<bool>());
     const json& order = settings["WriteOrder"];
     if (!order.is_string() || (order != "PerSlice" && order != "ByBuildOrder"))
         Wrong("WriteOrder", "\"PerSlice\" or \"ByBuildOrder\"");
