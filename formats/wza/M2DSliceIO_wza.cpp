@@ -466,6 +466,9 @@ bool M2DSliceIO_wza::_WriteHeader(const std::vector<const ISource2DSlices*>& /*s
 
 // ---------------------------------------------------------------- footer
 
+// The digest covers the header's slice count and data length, which are known only now, and
+// MD5 takes its input strictly in order, so none of it can be worked out while the layers are
+// written: it reads the finished file back (from the page cache, where it has just been written).
 std::string M2DSliceIO_wza::_MD5ForWZA() const { return HexMD5OfFile(_filePath, -1); }
 
 bool M2DSliceIO_wza::_WriteFooter(const std::vector<const ISource2DSlices*>& /*sources*/)
