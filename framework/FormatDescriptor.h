@@ -31,6 +31,7 @@ enum FormatLoss : unsigned
     FormatLoss_EmptyLayers = 1u << 7,       // layers without content are not written
     FormatLoss_Hatches = 1u << 8,           // vector blocks are not written
     FormatLoss_Contours = 1u << 9,          // contours are not written at all
+    FormatLoss_Heights = 1u << 10,          // a read gives the layers no height (a scan does)
 };
 
 // One file-type code of a family.

@@ -692,14 +692,14 @@ bool M2DSliceIO_wza::_FetchLayer(ILayerInput& input, ITarget2DSlices* target, bo
 
 bool M2DSliceIO_wza::_ReadLayer(M2DSlice& slice, ITarget2DSlices* target, bool readVectors)
 {
-    // Heights run from 0 in steps of SliceHeight, as a scan gives them, so that a read and a
-    // scan of a file agree.
-    const std::int32_t z = _currentZ;
-    _currentZ = _NextHeight();
-    return _ReadLayerWith(slice, [&](ILayerInput& input) {
-        input.SetZ(z);
-        return _FetchLayer(input, target, readVectors);
-    });
+    M2DSliceContainerScanInfo info;
+    {
+        MLayerReader reader(slice, info);
+        if (!_FetchLayer(reader, target, readVectors))
+            return false;
+    }
+    _ExtendSliceArea(slice, info.Area);
+    return true;
 }
 
 bool M2DSliceIO_wza::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* target, bool readVectors)

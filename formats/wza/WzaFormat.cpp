@@ -23,7 +23,7 @@ const FormatDescriptor kWza = {
     nullptr,
     // Only vector blocks are written; their labels come back from the scan parameter table's
     // type codes, coordinates as millimetres in single precision, truncated.
-    FormatLoss_Contours | FormatLoss_Points | FormatLoss_Labels | FormatLoss_Rounding,
+    FormatLoss_Contours | FormatLoss_Points | FormatLoss_Labels | FormatLoss_Rounding | FormatLoss_Heights,
 };
 
 const FormatRegistration registration(kWza);

@@ -189,29 +189,55 @@ void ParseLayerRange(const std::string& text, SplitOptions& options)
 // Reads the whole file into the stack, as the whole-file driver does, but with the scale of
 // the header replaced by inputUnits (millimetres per step) when that is given. False with
 // the reason in caught (or the reader's own) when the file cannot be read.
+// Opens the input and reads its header, with the scale the user gave in place of the file's.
+bool OpenInput(I2DSliceIO& io, const std::string& path, ITarget2DSlices* target, double inputUnits)
+{
+    if (!io.OpenFile(WidePath(path), I2DSliceIO::Read) || !io.ReadHeader(target))
+    {
+        io.CloseFile();
+        return false;
+    }
+    if (inputUnits > 0)
+    {
+        M2DSliceContainerIOProperties properties;
+        io.GetIoProperties(properties);
+        properties.UnitConversionFactor = MUnit::GetIE();
+        properties.InverseResolution = static_cast<std::int32_t>(std::lround(1.0 / inputUnits));
+        io.SetIoProperties(properties);
+    }
+    return true;
+}
+
+// The layer heights a scan gives, for a format whose read leaves heights unset.
+std::vector<std::int32_t> ScanHeights(short code, const std::string& path, double inputUnits)
+{
+    std::vector<std::int32_t> heights;
+    const std::shared_ptr<I2DSliceIO> io = M2DSliceIOFactory::GetSliceIO(code);
+    if (!io || !OpenInput(*io, path, nullptr, inputUnits))
+        return heights;
+    M2DSliceContainerScanInfo info;
+    while (io->ScanLayer(info, nullptr, false))
+        heights.push_back(info.Z);
+    io->CloseFile();
+    return heights;
+}
+
+// Reads the whole input into the stack. With heights given, the i-th layer takes the i-th
+// height (a layer past their end keeps what the read gave it).
 bool ReadInput(I2DSliceIO& io, const std::string& path, M2DSliceStack& stack, double inputUnits,
-               ProgressLine& progress, std::string& caught)
+               const std::vector<std::int32_t>& heights, ProgressLine& progress, std::string& caught)
 {
     ReadProgress pulse(progress, "reading " + path);
     try
     {
-        if (!io.OpenFile(WidePath(path), I2DSliceIO::Read) || !io.ReadHeader(&stack))
-        {
-            io.CloseFile();
+        if (!OpenInput(io, path, &stack, inputUnits))
             return false;
-        }
-        if (inputUnits > 0)
-        {
-            M2DSliceContainerIOProperties properties;
-            io.GetIoProperties(properties);
-            properties.UnitConversionFactor = MUnit::GetIE();
-            properties.InverseResolution = static_cast<std::int32_t>(std::lround(1.0 / inputUnits));
-            io.SetIoProperties(properties);
-        }
         stack.StartAddingSlices();
         M2DSlice slice;
-        while (io.ReadLayer(slice, &stack, true))
+        for (std::size_t i = 0; io.ReadLayer(slice, &stack, true); ++i)
         {
+            if (i < heights.size())
+                slice.SetZ(heights[i]);
             stack.AddSlice(slice, true);
             pulse.OnPulse();
         }
@@ -314,7 +340,13 @@ int RunConvert(const ConvertOptions& options)
     readOptions.VectorBlocks.MergeBlocks = false;
     reader->SetReadOptions(readOptions);
     std::string caught;
-    const bool read = ReadInput(*reader, in, stack, options.InputUnits.value_or(0), progress, caught);
+    // A format whose read gives no heights takes them from a scan of the file.
+    const FormatDescriptor* inFamily = FormatRegistry::ForCode(inFormat.Code);
+    const std::vector<std::int32_t> heights =
+        inFamily && (inFamily->Losses & FormatLoss_Heights)
+            ? ScanHeights(static_cast<short>(inFormat.Code), in, options.InputUnits.value_or(0))
+            : std::vector<std::int32_t>{};
+    const bool read = ReadInput(*reader, in, stack, options.InputUnits.value_or(0), heights, progress, caught);
     progress.Clear();
     if (!read)
         throw Failure(DescribeReadFailure(inFormat, in, reader.get(), caught) + "; nothing was written");
@@ -443,8 +475,8 @@ int RunConvert(const ConvertOptions& options)
         notes.push_back(fmt::format("{} point blocks not written", content.PointBlocks));
     if ((losses & FormatLoss_Parts) && parts.size() > 1)
         notes.push_back("parts merged");
-    const FormatDescriptor* inFamily = FormatRegistry::ForCode(inFormat.Code);
-    const unsigned inputLosses = inFamily ? inFamily->Losses : FormatLoss_None;
+    const FormatDescriptor* inputFamily = FormatRegistry::ForCode(inFormat.Code);
+    const unsigned inputLosses = inputFamily ? inputFamily->Losses : FormatLoss_None;
     if ((losses & FormatLoss_Labels) && !(inputLosses & FormatLoss_Labels) &&
         (content.Contours || content.VectorBlocks || content.PointBlocks))
         notes.push_back("vector types and build parameters not kept");
