@@ -127,6 +127,8 @@ TEST(MttFrameTest, SmallBuildByteForByte)
     e.text(Hex({0x15, 0x04}));
     e.u32(Crc(e.s, e.s.size()));
     EXPECT_TRUE(kit::SameBytes(e.s, file));
+    // The file id is MTT's whatever the file-type code says.
+    EXPECT_EQ(WriteMtt({stack.get()}, dir.File("as47.mtt"), [](M2DSliceIO_mtt& io) { io.SetFileType(47); }), file);
 
     // Read back as MTT: style 3 is a type 1 block whichever section it came in; index 0 is the
     // style id, 2 the model, 1 the property index.
