@@ -372,20 +372,46 @@ namespace {
 
 // n raw floats to out[i] = value * c truncated toward zero, as a double; values beyond the
 // int range (and NaN, as 0) are held at its ends.
+inline int Truncated(double v)
+{
+    if (v != v)
+        return 0;
+    if (v <= -2147483648.0)
+        return INT32_MIN;
+    if (v >= 2147483647.0)
+        return INT32_MAX;
+    return static_cast<int>(v);
+}
+
 void TruncatedValues(const unsigned char* raw, std::size_t n, double c, int* out)
 {
     for (std::size_t i = 0; i < n; ++i)
-    {
-        const double v = static_cast<double>(ByteOrder::LoadLE<float>(raw + 4 * i)) * c;
-        if (v != v)
-            out[i] = 0;
-        else if (v <= -2147483648.0)
-            out[i] = INT32_MIN;
-        else if (v >= 2147483647.0)
-            out[i] = INT32_MAX;
-        else
-            out[i] = static_cast<int>(v);
-    }
+        out[i] = Truncated(static_cast<double>(ByteOrder::LoadLE<float>(raw + 4 * i)) * c);
+}
+
+// The box of n float vectors in internal units by truncation, from the extreme raw values
+// alone, which truncation keeps in order; false with a NaN or a factor that is not positive.
+bool TruncatedBox(const unsigned char* raw, std::size_t n, double c, M2DSliceXYArea& box)
+{
+    if (n == 0 || !(c > 0.0))
+        return false;
+    float lo[2] = {ByteOrder::LoadLE<float>(raw), ByteOrder::LoadLE<float>(raw + 4)};
+    float hi[2] = {lo[0], lo[1]};
+    bool unordered = false;
+    for (std::size_t j = 0; j < 2 * n; ++j)
+        for (int k = 0; k < 2; ++k)
+        {
+            const float v = ByteOrder::LoadLE<float>(raw + 8 * j + 4 * k);
+            unordered |= v != v;
+            lo[k] = v < lo[k] ? v : lo[k];
+            hi[k] = v > hi[k] ? v : hi[k];
+        }
+    if (unordered)
+        return false;
+    box.Clear();
+    box.Extend(Truncated(static_cast<double>(lo[0]) * c), Truncated(static_cast<double>(lo[1]) * c));
+    box.Extend(Truncated(static_cast<double>(hi[0]) * c), Truncated(static_cast<double>(hi[1]) * c));
+    return true;
 }
 
 // The body of a seek table entry: the layer's position and z.
@@ -445,7 +471,10 @@ void M2DSliceIO_sectioned::_AddNewVectorBlock(ILayerInput& input, const M2DMTTVe
     // Four floats a vector; a partial vector at the end is not read.
     const std::size_t n = block.NumFloats / 4;
     input.StartVectorBlock(_BlockLabel(block), n);
-    if (_truncateCoordinates)
+    M2DSliceXYArea box;
+    if (_truncateCoordinates && input.MeasuresOnly() && TruncatedBox(block.Coordinates, n, _GetConversionFactor(), box))
+        input.AddVectorsArea(box, n);
+    else if (_truncateCoordinates)
     {
         // A chunk at a time, so that a long run needs no more memory than a short one.
         _points.resize(4 * std::min(n, ConvertKernels::kVectorChunk));

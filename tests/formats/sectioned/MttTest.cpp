@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "formats/sectioned/M2DSliceIO_mtt.h"
+#include "framework/M2DSliceContainerIterator.h"
 #include "tests/kit/BuildGenerator.h"
 
 using namespace slmtest;
@@ -194,6 +195,12 @@ TEST(MttReadTest, CoordinatesTruncateTowardZeroWhereSlmRounds)
     // The box follows the vectors read.
     const M2DSliceXYArea& box = mtt->GetSlice(0)->GetXYArea(false);
     EXPECT_EQ(std::make_tuple(box.XMin, box.YMin, box.XMax, box.YMax), std::make_tuple(1, -2500, 5000, -1));
+    // A scan measures the same box from the extreme floats alone.
+    M2DSliceContainerIterator it(dir.WFile("hand.mtt"), 51, true, 0, true);
+    ASSERT_TRUE(it.IsValid() && it.GetNumSlices() == 1u);
+    const M2DSliceXYArea scanned = it.GetXYArea(0);
+    EXPECT_EQ(std::make_tuple(scanned.XMin, scanned.YMin, scanned.XMax, scanned.YMax),
+              std::make_tuple(1, -2500, 5000, -1));
     // Beyond the int range a coordinate is held at its ends, and NaN reads 0.
     ts::WriteFile(dir.File("far.mtt"), HandMadeMtt(1e30f, -1e30f, std::nanf(""), 0.0f));
     auto far = ReadAs(dir.File("far.mtt"), 51);
