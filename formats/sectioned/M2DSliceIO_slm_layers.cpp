@@ -337,7 +337,7 @@ bool M2DSliceIO_sectioned::_WriteLayerSection(const std::vector<const M2DSlice*>
 }
 
 bool M2DSliceIO_sectioned::_WriteLayer(const std::vector<const ISource2DSlices*>& /*sources*/, std::int32_t /*z*/,
-                                 const M2DSliceConstDataItems& items)
+                                       const M2DSliceConstDataItems& items)
 {
     std::vector<const M2DSlice*> slices, first, second;
     _GetSlicesFromItems(items, slices);

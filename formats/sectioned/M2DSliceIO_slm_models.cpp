@@ -205,25 +205,25 @@ bool M2DSliceIO_sectioned::NamesBuildStyles(const PersistentProperties* properti
 }
 
 bool M2DSliceIO_sectioned::_GetBuildStylesForPart(const PersistentProperties& source,
-                                            std::vector<std::unique_ptr<BuildStyle>>& list)
+                                                  std::vector<std::unique_ptr<BuildStyle>>& list)
 {
     return ReadStyles(source, _sourceDefaults, StyleFilter::Part, list);
 }
 
 bool M2DSliceIO_sectioned::_GetBuildStylesForVolumeSupports(const PersistentProperties& source,
-                                                      std::vector<std::unique_ptr<BuildStyle>>& list)
+                                                            std::vector<std::unique_ptr<BuildStyle>>& list)
 {
     return ReadStyles(source, _sourceDefaults, StyleFilter::VolumeSupport, list);
 }
 
 bool M2DSliceIO_sectioned::_GetBuildStylesForWallSupports(const PersistentProperties& source,
-                                                    std::vector<std::unique_ptr<BuildStyle>>& list)
+                                                          std::vector<std::unique_ptr<BuildStyle>>& list)
 {
     return ReadStyles(source, _sourceDefaults, StyleFilter::WallSupport, list);
 }
 
 bool M2DSliceIO_sectioned::_GetBuildStyleListNameAndTopSlice(const std::vector<const ISource2DSlices*>& sources,
-                                                       std::vector<std::unique_ptr<ModelInfoMap>>& models)
+                                                             std::vector<std::unique_ptr<ModelInfoMap>>& models)
 {
     // Both texts given: the material database and the configuration that names the
     // generating parameters. Parse errors and a configuration that cannot be opened are
@@ -327,7 +327,7 @@ bool M2DSliceIO_sectioned::_GetBuildStyleListNameAndTopSlice(const std::vector<c
 }
 
 bool M2DSliceIO_sectioned::_isNamedStrategyUsed(const std::vector<std::unique_ptr<ModelInfoMap>>& models,
-                                          const std::wstring& name)
+                                                const std::wstring& name)
 {
     for (const auto& model : models)
         if (model->BuildStrategyName == name)
@@ -555,7 +555,7 @@ bool M2DSliceIO_sectioned::_LoadModelInfo(ByteCursor body)
 }
 
 std::int32_t M2DSliceIO_sectioned::_ConvertBuildStyleToBuildParameters(const BuildStyle& style, std::int64_t modelId,
-                                                                 std::int32_t id)
+                                                                       std::int32_t id)
 {
     M2DSliceBuildParameters::Instance instance;
     instance.SetID(id);
@@ -593,7 +593,7 @@ void M2DSliceIO_sectioned::_ConvertModelInfoToBuildParameters(ITarget2DSlices* t
 }
 
 std::int32_t M2DSliceIO_sectioned::_GetBuildParametersIndexOfBuildStyle(const BuildStyle& style, std::int64_t modelId,
-                                                                  bool generated)
+                                                                        bool generated)
 {
     if (!_buildParameters)
         return -1;
