@@ -13,6 +13,7 @@
 #include "../formats/zff/M2DSliceIO_zff.h"
 
 // sectioned
+#include "../formats/sectioned/M2DSliceIO_mtt.h"
 #include "../formats/sectioned/M2DSliceIO_slm.h"
 
 // clf
@@ -82,6 +83,8 @@ I2DSliceIO* CreateSliceIO(short code)
         return new M2DSliceIO_slm(false);
     case 48:
         return new M2DSliceIO_slm(true);
+    case 51:
+        return new M2DSliceIO_mtt(false);
 
     // CLF (49)
     case 49:

@@ -40,25 +40,25 @@ std::string CreationTime()
 
 } // namespace
 
-M2DSliceIO_slm::M2DSliceIO_slm(bool compressed)
+M2DSliceIO_sectioned::M2DSliceIO_sectioned(bool compressed)
     : _compressed(compressed), _decompressRepair(g_repairByDefault.load())
 {
 }
 
-void M2DSliceIO_slm::SetDecompressRepairByDefault(bool repair) { g_repairByDefault = repair; }
-bool M2DSliceIO_slm::GetDecompressRepairByDefault() { return g_repairByDefault; }
+void M2DSliceIO_sectioned::SetDecompressRepairByDefault(bool repair) { g_repairByDefault = repair; }
+bool M2DSliceIO_sectioned::GetDecompressRepairByDefault() { return g_repairByDefault; }
 
-M2DSliceIO_slm::~M2DSliceIO_slm() = default;
+M2DSliceIO_sectioned::~M2DSliceIO_sectioned() = default;
 
-bool M2DSliceIO_slm::_OpenFile(const std::wstring& /*path*/, MOpenMode /*mode*/) { return true; }
-bool M2DSliceIO_slm::_CloseFile() { return true; }
-bool M2DSliceIO_slm::_ReadFooter(ITarget2DSlices* /*target*/) { return true; }
+bool M2DSliceIO_sectioned::_OpenFile(const std::wstring& /*path*/, MOpenMode /*mode*/) { return true; }
+bool M2DSliceIO_sectioned::_CloseFile() { return true; }
+bool M2DSliceIO_sectioned::_ReadFooter(ITarget2DSlices* /*target*/) { return true; }
 
-const char* M2DSliceIO_slm::_FileIdText() const { return _fileType == kSlmFileType ? kSlmFileId : kMttFileId; }
+const char* M2DSliceIO_sectioned::_FileIdText() const { return _fileType == kSlmFileType ? kSlmFileId : kMttFileId; }
 
 // ------------------------------------------------------------------ writing
 
-bool M2DSliceIO_slm::_Emit(const void* data, std::size_t n)
+bool M2DSliceIO_sectioned::_Emit(const void* data, std::size_t n)
 {
     _crcAfterHeader = static_cast<std::uint32_t>(
         crc32_z(_crcAfterHeader, static_cast<const Bytef*>(data), static_cast<z_size_t>(n)));
@@ -66,7 +66,7 @@ bool M2DSliceIO_slm::_Emit(const void* data, std::size_t n)
     return WriteAll(_file, data, n);
 }
 
-bool M2DSliceIO_slm::_WriteHeaderSizeInfo(std::uint64_t size)
+bool M2DSliceIO_sectioned::_WriteHeaderSizeInfo(std::uint64_t size)
 {
     unsigned char bytes[1 + kFixedLFSize] = {static_cast<unsigned char>(Id_Header)};
     if (!_file.SEEK(0, 0) || !WriteAll(_file, bytes, 1))
@@ -76,7 +76,7 @@ bool M2DSliceIO_slm::_WriteHeaderSizeInfo(std::uint64_t size)
     return WriteAll(_file, bytes + 1, kFixedLFSize);
 }
 
-void M2DSliceIO_slm::_WriteFileHistorySection(SectionBuffer& out) const
+void M2DSliceIO_sectioned::_WriteFileHistorySection(SectionBuffer& out) const
 {
     const std::size_t at = out.OpenFixed(Id_FileHistory);
     out.Wide(Id_ProductName, _productName);
@@ -85,7 +85,7 @@ void M2DSliceIO_slm::_WriteFileHistorySection(SectionBuffer& out) const
     out.CloseFixed(at);
 }
 
-void M2DSliceIO_slm::_WriteHeaderFrame(SectionBuffer& out, std::size_t& seekPointerAt) const
+void M2DSliceIO_sectioned::_WriteHeaderFrame(SectionBuffer& out, std::size_t& seekPointerAt) const
 {
     out.Narrow(Id_FileId, _FileIdText());
     out.Head(Id_FileVersion, 2);
@@ -104,7 +104,7 @@ void M2DSliceIO_slm::_WriteHeaderFrame(SectionBuffer& out, std::size_t& seekPoin
     out.Wide(Id_UsedMaterialName, _usedMaterialName);
 }
 
-bool M2DSliceIO_slm::_WriteHeader(const std::vector<const ISource2DSlices*>& sources)
+bool M2DSliceIO_sectioned::_WriteHeader(const std::vector<const ISource2DSlices*>& sources)
 {
     _seekEntries.clear();
     _models.clear();
@@ -129,6 +129,7 @@ bool M2DSliceIO_slm::_WriteHeader(const std::vector<const ISource2DSlices*>& sou
     if (!ok)
         failure = _failureReason.empty() ? "the sources do not name their models and build styles" : _failureReason;
     _failureReason.clear();
+    _FinishModels(sources);
 
     SectionBuffer out(_headerBytes);
     out.U8(Id_Header);
@@ -152,7 +153,7 @@ bool M2DSliceIO_slm::_WriteHeader(const std::vector<const ISource2DSlices*>& sou
     return true;
 }
 
-bool M2DSliceIO_slm::_WriteSeekTable()
+bool M2DSliceIO_sectioned::_WriteSeekTable()
 {
     const std::int64_t position = _file.TELL();
     std::vector<unsigned char> bytes;
@@ -183,7 +184,7 @@ bool M2DSliceIO_slm::_WriteSeekTable()
     return true;
 }
 
-bool M2DSliceIO_slm::_WriteChecksumSection()
+bool M2DSliceIO_sectioned::_WriteChecksumSection()
 {
     const unsigned char head[2] = {static_cast<unsigned char>(Id_Checksum), 4};
     if (!_Emit(head, sizeof head))
@@ -197,7 +198,7 @@ bool M2DSliceIO_slm::_WriteChecksumSection()
     return true;
 }
 
-bool M2DSliceIO_slm::_WriteChecksumSection(MFile& file)
+bool M2DSliceIO_sectioned::_WriteChecksumSection(MFile& file)
 {
     if (!file.FLUSH())
         return false;
@@ -219,14 +220,14 @@ bool M2DSliceIO_slm::_WriteChecksumSection(MFile& file)
     return WriteLE<std::uint32_t>(file, static_cast<std::uint32_t>(crc));
 }
 
-bool M2DSliceIO_slm::_WriteFooter(const std::vector<const ISource2DSlices*>& /*sources*/)
+bool M2DSliceIO_sectioned::_WriteFooter(const std::vector<const ISource2DSlices*>& /*sources*/)
 {
     if (!_WriteSeekTable() || !_WriteChecksumSection())
         return false;
     return !_compressed || _WriteCompressed();
 }
 
-bool M2DSliceIO_slm::_WriteCompressed()
+bool M2DSliceIO_sectioned::_WriteCompressed()
 {
     // The plain file is complete: it is read once and coded into the target, whose checksum
     // then covers the coded file. The writer's own file is left open on the target.
@@ -247,7 +248,7 @@ bool M2DSliceIO_slm::_WriteCompressed()
     return _file.OPEN_UPDATE(_path.c_str()) || _Fail("cannot open the compressed file again");
 }
 
-bool M2DSliceIO_slm::_ReadCompressed()
+bool M2DSliceIO_sectioned::_ReadCompressed()
 {
     // Decoded into a fresh temporary file, which the layers are then read from.
     _tempDirectory = std::make_unique<ZanSDK::FileIO::FileSystem::TemporaryDirectory>();
@@ -268,7 +269,7 @@ bool M2DSliceIO_slm::_ReadCompressed()
 
 // ------------------------------------------------------------------ reading
 
-bool M2DSliceIO_slm::_IdentifyFile(bool& compressed)
+bool M2DSliceIO_sectioned::_IdentifyFile(bool& compressed)
 {
     SectionHeader head;
     if (!ReadHead(_file, head) || head.Id != Id_Header)
@@ -288,7 +289,7 @@ bool M2DSliceIO_slm::_IdentifyFile(bool& compressed)
     return id == kSlmFileId || id == kMttFileId;
 }
 
-bool M2DSliceIO_slm::_ReadHeader(ITarget2DSlices* target)
+bool M2DSliceIO_sectioned::_ReadHeader(ITarget2DSlices* target)
 {
     _modelTable.clear();
     _properties.clear();

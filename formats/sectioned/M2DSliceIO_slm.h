@@ -1,5 +1,5 @@
 #pragma once
-// SLM layer files: a tree of tagged sections (Sectioned::SectionBuffer, SectionCodec.h) with a
+// SLM and MTT layer files: a tree of tagged sections (Sectioned::SectionBuffer, SectionCodec.h) with a
 // header of models and build styles, one or two layer sections per height, a seek table of the
 // layers and a CRC-32 at the end.
 #include <cstdint>
@@ -22,13 +22,19 @@ class TemporaryDirectory;
 } // namespace FileIO
 } // namespace ZanSDK
 
-class SLICEIO_API M2DSliceIO_slm : public I2DSliceIO
+// What SLM and MTT files share: the frame, models and build styles, layers, seek table,
+// checksum and the compressed form. The two formats differ in a few sections and rules, which
+// the subclasses choose through the variant members and virtual operations below.
+class SLICEIO_API M2DSliceIO_sectioned : public I2DSliceIO
 {
 public:
     enum EWriteOrder : std::int32_t
     {
         WriteOrderByBuildOrder = 0,
         WriteOrderPerSlice = 1,
+        // MTT only: the layer's blocks sorted region by region (M2DSliceOperatorSortRegions)
+        // before they are cut into sections; an SLM writer takes it as per slice.
+        WriteOrderSortedRegions = 3,
     };
 
     // The laser settings a vector block refers to by id.
@@ -112,27 +118,12 @@ public:
         std::int64_t EndVector = 0; // one past the last
     };
 
-    explicit M2DSliceIO_slm(bool compressed);
-    ~M2DSliceIO_slm() override;
+    explicit M2DSliceIO_sectioned(bool compressed);
+    ~M2DSliceIO_sectioned() override;
 
     void SetWriteOrder(EWriteOrder order) { _writeOrder = order; }
     void SetSupportsFirst(bool first) { _supportsFirst = first; }
     void SetBuildOrder(const std::vector<M2DSliceVectorTypeInfo>& order) { _buildOrder = order; }
-    void SetProductInformation(const std::wstring& name, const std::wstring& version)
-    {
-        _productName = name;
-        _productVersion = version;
-    }
-    void SetParameterXml(const std::string& xml) { _parameterXml = xml; }
-    void SetConfigXml(const std::string& path) { _configXmlPath = path; }
-    void SetUsedMaterialName(const std::wstring& name) { _usedMaterialName = name; }
-    void SetUsedMaterialComment(const std::wstring& comment) { _usedMaterialComment = comment; }
-    void SetUsedBuildStrategyName(const std::wstring& name) { _usedBuildStrategyName = name; }
-    void SetUsedBuildStrategyComment(const std::wstring& comment) { _usedBuildStrategyComment = comment; }
-    void SetUsedBuildStrategyProtection(bool protect) { _buildStrategyProtection = protect; }
-    bool GetUsedBuildStrategyProtection() const { return _buildStrategyProtection; }
-    void SetFileGuid(const std::wstring& guid) { _fileGuid = guid; }
-    const std::wstring& GetFileGuid() const { return _fileGuid; }
 
     // Values for the keys a source must carry ("PartID", "IsSupport", "IsVolumeSupport",
     // "SLMBuildStyles", ...) that are used where a source lacks them, so that a build whose
@@ -192,9 +183,6 @@ protected:
     bool _Emit(const std::vector<unsigned char>& bytes) { return _Emit(bytes.data(), bytes.size()); }
     // Seeks to 0 and writes byte 1 and the fixed LF number of size; the file stays behind them.
     bool _WriteHeaderSizeInfo(std::uint64_t size);
-    // The header body up to the models: sections 2, 3, 42, 27, 4, 44, 38, 36; notes where
-    // section 4's value stands (offset in bytes).
-    void _WriteHeaderFrame(Sectioned::SectionBuffer& out, std::size_t& seekPointerAt) const;
     void _WriteFileHistorySection(Sectioned::SectionBuffer& out) const;
     // Section 8 with one section 9 per entry; the caller patches section 4 and the checksum.
     bool _WriteSeekTable();
@@ -212,7 +200,6 @@ protected:
                                           std::vector<std::unique_ptr<BuildStyle>>& list);
     bool _GetBuildStylesForWallSupports(const PersistentProperties& source,
                                         std::vector<std::unique_ptr<BuildStyle>>& list);
-    bool _WriteModelSection(const ModelInfoMap& model, Sectioned::SectionBuffer& out) const;
     static void _WriteBuildStyleSection(const BuildStyle& style, Sectioned::SectionBuffer& out);
     static std::int64_t _CalcBuildStyleSectionSize(const BuildStyle& style);
     static void _WriteExtraBuildStyleSection(const BuildStyle& style, Sectioned::SectionBuffer& out);
@@ -267,7 +254,33 @@ protected:
     bool _LoadBlock(ByteCursor body, M2DMTTVectorBlock& block, bool polygon);
     void _AddNewPolygon(ILayerInput& input, const M2DMTTVectorBlock& block);
     void _AddNewVectorBlock(ILayerInput& input, const M2DMTTVectorBlock& block);
-    M2DSliceVectorTypeInfo _BlockLabel(const M2DMTTVectorBlock& block) const;
+
+    // ---- what tells the two formats apart, set by the subclass's constructor
+    // Build styles carry names (section 40), and the build parameters and build style lists
+    // read back name them ("BuildStyleID", "VectorTypeName", "SLMBuildStyleName").
+    bool _namedStyles = true;
+    // Slices whose first block is marked as a second pass (flag 8) go into a second layer
+    // section of the same z; several seek table entries of one z are read as one slice.
+    bool _secondPass = true;
+    // A polygon block of a block with flag 4 is written with sections 33, 14 and 32.
+    bool _extraStyleBlocks = true;
+    // Coordinates read back truncated toward zero instead of rounded.
+    bool _truncateCoordinates = false;
+
+    // The header body up to the models.
+    virtual void _WriteHeaderFrame(Sectioned::SectionBuffer& out, std::size_t& seekPointerAt) const;
+    virtual bool _WriteModelSection(const ModelInfoMap& model, Sectioned::SectionBuffer& out) const;
+    // Runs after the models are gathered, before they are written.
+    virtual void _FinishModels(const std::vector<const ISource2DSlices*>& /*sources*/) {}
+    // The extracts of one layer's slices, before empty ones are dropped and the build order
+    // applies across slices.
+    virtual void _CollectExtracts(const std::vector<const M2DSlice*>& slices, std::vector<VectorBlockExtract>& extracts);
+    // The build-order rule: does a block match an order entry of the same type?
+    virtual bool _MatchesBuildOrder(const M2DSliceVectorTypeInfo& order, const M2DSliceVectorTypeInfo& block) const;
+    // The label of a block read.
+    virtual M2DSliceVectorTypeInfo _BlockLabel(const M2DMTTVectorBlock& block) const;
+    // One block's extracts: a hatch over all vectors, or a polygon per chain.
+    void _ExtractBlock(const M2DSliceVectorBlock& block, std::vector<VectorBlockExtract>& extracts) const;
 
     // What a source says, or the source defaults when it does not.
     template <class T>
@@ -327,4 +340,27 @@ protected:
     std::vector<unsigned char> _recordStorage;
     std::vector<int> _points;
     std::vector<M2DSliceVector> _polygonVectors;
+};
+
+// SLM layer files, file-type codes 47 (plain) and 48 (compressed build file).
+class SLICEIO_API M2DSliceIO_slm : public M2DSliceIO_sectioned
+{
+public:
+    explicit M2DSliceIO_slm(bool compressed) : M2DSliceIO_sectioned(compressed) {}
+
+    void SetProductInformation(const std::wstring& name, const std::wstring& version)
+    {
+        _productName = name;
+        _productVersion = version;
+    }
+    void SetParameterXml(const std::string& xml) { _parameterXml = xml; }
+    void SetConfigXml(const std::string& path) { _configXmlPath = path; }
+    void SetUsedMaterialName(const std::wstring& name) { _usedMaterialName = name; }
+    void SetUsedMaterialComment(const std::wstring& comment) { _usedMaterialComment = comment; }
+    void SetUsedBuildStrategyName(const std::wstring& name) { _usedBuildStrategyName = name; }
+    void SetUsedBuildStrategyComment(const std::wstring& comment) { _usedBuildStrategyComment = comment; }
+    void SetUsedBuildStrategyProtection(bool protect) { _buildStrategyProtection = protect; }
+    bool GetUsedBuildStrategyProtection() const { return _buildStrategyProtection; }
+    void SetFileGuid(const std::wstring& guid) { _fileGuid = guid; }
+    const std::wstring& GetFileGuid() const { return _fileGuid; }
 };

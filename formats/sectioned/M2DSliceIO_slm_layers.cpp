@@ -28,7 +28,7 @@ std::uint64_t StyleIdOf(const M2DSliceVectorBlock& block)
         static_cast<std::int64_t>(block.GetTypeInfo().GetIndex(e2DSliceVectorTypeIndex_Parameter)));
 }
 
-// The build-order rule: does a block match an order entry?
+// The build-order rule of SLM: does a block match an order entry?
 bool MatchesOrder(const M2DSliceVectorTypeInfo& order, const M2DSliceVectorTypeInfo& block)
 {
     const bool zero = order.GetIndex(6) == 0 && block.GetIndex(6) == 0;
@@ -83,43 +83,46 @@ void HatchFloats(const M2DSliceVector* v, std::size_t n, double factor, unsigned
 
 // ------------------------------------------------------------------ writing
 
-void M2DSliceIO_slm::_ExtractBlocks(const M2DSlice& slice, std::vector<VectorBlockExtract>& extracts) const
+void M2DSliceIO_sectioned::_ExtractBlock(const M2DSliceVectorBlock& block, std::vector<VectorBlockExtract>& extracts) const
 {
-    for (const M2DSliceVectorBlock* block = slice.GetVectors()->GetFirstVectorBlock(); block;
-         block = block->GetNextVectorBlock())
+    const M2DSliceVectorTypeInfo& info = block.GetTypeInfo();
+    const auto n = static_cast<std::int64_t>(block.Vectors.size());
+    bool hatch = IsHatchType(info.GetType()) || info.GetIndex(e2DSliceVectorTypeIndex_Parameter) == 19;
+    bool polygon = !hatch && IsPolygonType(info.GetType());
+    if (!hatch && !polygon && _inferKindless)
     {
-        const M2DSliceVectorTypeInfo& info = block->GetTypeInfo();
-        const auto n = static_cast<std::int64_t>(block->Vectors.size());
-        bool hatch = IsHatchType(info.GetType()) || info.GetIndex(e2DSliceVectorTypeIndex_Parameter) == 19;
-        bool polygon = !hatch && IsPolygonType(info.GetType());
-        if (!hatch && !polygon && _inferKindless)
-        {
-            const M2DSliceVector* v = block->Vectors.data();
-            std::int64_t i = 1;
-            while (i < n && v[i].x1 == v[i - 1].x2 && v[i].y1 == v[i - 1].y2)
-                ++i;
-            polygon = i >= n;
-            hatch = !polygon;
-        }
-        if (hatch)
-            extracts.push_back({block, false, 0, n});
-        else if (polygon)
-        {
-            // A chain ends where a vector does not start at the end of the one before.
-            const M2DSliceVector* v = block->Vectors.data();
-            std::int64_t first = 0;
-            for (std::int64_t i = 1; i < n; ++i)
-                if (v[i].x1 != v[i - 1].x2 || v[i].y1 != v[i - 1].y2)
-                {
-                    extracts.push_back({block, true, first, i});
-                    first = i;
-                }
-            extracts.push_back({block, true, first, n});
-        }
+        const M2DSliceVector* v = block.Vectors.data();
+        std::int64_t i = 1;
+        while (i < n && v[i].x1 == v[i - 1].x2 && v[i].y1 == v[i - 1].y2)
+            ++i;
+        polygon = i >= n;
+        hatch = !polygon;
+    }
+    if (hatch)
+        extracts.push_back({&block, false, 0, n});
+    else if (polygon)
+    {
+        // A chain ends where a vector does not start at the end of the one before.
+        const M2DSliceVector* v = block.Vectors.data();
+        std::int64_t first = 0;
+        for (std::int64_t i = 1; i < n; ++i)
+            if (v[i].x1 != v[i - 1].x2 || v[i].y1 != v[i - 1].y2)
+            {
+                extracts.push_back({&block, true, first, i});
+                first = i;
+            }
+        extracts.push_back({&block, true, first, n});
     }
 }
 
-void M2DSliceIO_slm::_ExtractContours(const M2DSlice& slice, std::vector<VectorBlockExtract>& extracts)
+void M2DSliceIO_sectioned::_ExtractBlocks(const M2DSlice& slice, std::vector<VectorBlockExtract>& extracts) const
+{
+    for (const M2DSliceVectorBlock* block = slice.GetVectors()->GetFirstVectorBlock(); block;
+         block = block->GetNextVectorBlock())
+        _ExtractBlock(*block, extracts);
+}
+
+void M2DSliceIO_sectioned::_ExtractContours(const M2DSlice& slice, std::vector<VectorBlockExtract>& extracts)
 {
     for (const M2DSliceContour* contour = slice.GetSliceBorder()->GetFirstContour(); contour;
          contour = contour->GetNextContour())
@@ -144,7 +147,7 @@ void M2DSliceIO_slm::_ExtractContours(const M2DSlice& slice, std::vector<VectorB
     }
 }
 
-void M2DSliceIO_slm::_SortVectorsForBuildOrder(std::vector<VectorBlockExtract>& extracts) const
+void M2DSliceIO_sectioned::_SortVectorsForBuildOrder(std::vector<VectorBlockExtract>& extracts) const
 {
     if (_buildOrder.empty())
         return;
@@ -155,7 +158,7 @@ void M2DSliceIO_slm::_SortVectorsForBuildOrder(std::vector<VectorBlockExtract>& 
         for (std::size_t i = 0; i < extracts.size(); ++i)
         {
             const M2DSliceVectorTypeInfo& info = extracts[i].Block->GetTypeInfo();
-            if (!taken[i] && info.GetType() == order.GetType() && MatchesOrder(order, info))
+            if (!taken[i] && info.GetType() == order.GetType() && _MatchesBuildOrder(order, info))
             {
                 result.push_back(extracts[i]);
                 taken[i] = true;
@@ -167,7 +170,13 @@ void M2DSliceIO_slm::_SortVectorsForBuildOrder(std::vector<VectorBlockExtract>& 
     extracts.swap(result);
 }
 
-void M2DSliceIO_slm::_FilterEmptyVectorBlock(std::vector<VectorBlockExtract>& extracts)
+bool M2DSliceIO_sectioned::_MatchesBuildOrder(const M2DSliceVectorTypeInfo& order,
+                                              const M2DSliceVectorTypeInfo& block) const
+{
+    return MatchesOrder(order, block);
+}
+
+void M2DSliceIO_sectioned::_FilterEmptyVectorBlock(std::vector<VectorBlockExtract>& extracts)
 {
     std::size_t kept = 0;
     for (const VectorBlockExtract& e : extracts)
@@ -176,7 +185,7 @@ void M2DSliceIO_slm::_FilterEmptyVectorBlock(std::vector<VectorBlockExtract>& ex
     extracts.resize(kept);
 }
 
-void M2DSliceIO_slm::_GetTypeOrderVectorSorting(const M2DSlice& slice, std::vector<M2DSliceVectorTypeInfo>& types) const
+void M2DSliceIO_sectioned::_GetTypeOrderVectorSorting(const M2DSlice& slice, std::vector<M2DSliceVectorTypeInfo>& types) const
 {
     types.clear();
     bool support = false;
@@ -203,7 +212,7 @@ void M2DSliceIO_slm::_GetTypeOrderVectorSorting(const M2DSlice& slice, std::vect
     }
 }
 
-std::int64_t M2DSliceIO_slm::_CalcVectorBlockSectionSize(const VectorBlockExtract& extract) const
+std::int64_t M2DSliceIO_sectioned::_CalcVectorBlockSectionSize(const VectorBlockExtract& extract) const
 {
     const M2DSliceVectorBlock& block = *extract.Block;
     const std::int64_t n = extract.EndVector - extract.FirstVector;
@@ -212,7 +221,7 @@ std::int64_t M2DSliceIO_slm::_CalcVectorBlockSectionSize(const VectorBlockExtrac
     if (!extract.IsPolygon)
         return ids + SectionSize(Id_HatchCoordinates, n * 16);
     const std::int64_t coordinates = SectionSize(Id_PolygonCoordinates, n * 8 + 8);
-    if (!block.GetTypeInfo().GetFlag(4))
+    if (!_extraStyleBlocks || !block.GetTypeInfo().GetFlag(4))
         return ids + coordinates;
     std::int64_t size = IntegerSectionSize(Id_BlockModelId, model) + IntegerSectionSize(Id_BuildStyleId, style) +
                         coordinates;
@@ -221,13 +230,13 @@ std::int64_t M2DSliceIO_slm::_CalcVectorBlockSectionSize(const VectorBlockExtrac
     return size;
 }
 
-bool M2DSliceIO_slm::_WritePolygonSection(const VectorBlockExtract& extract, std::int64_t size, SectionBuffer& out) const
+bool M2DSliceIO_sectioned::_WritePolygonSection(const VectorBlockExtract& extract, std::int64_t size, SectionBuffer& out) const
 {
     const M2DSliceVectorBlock& block = *extract.Block;
     const std::uint64_t model = ModelIdOf(block), style = StyleIdOf(block);
     out.Head(Id_PolygonBlock, size);
     const std::size_t start = out.Size();
-    if (!block.GetTypeInfo().GetFlag(4))
+    if (!_extraStyleBlocks || !block.GetTypeInfo().GetFlag(4))
     {
         out.Head(Id_BlockIds, LFSize(model) + LFSize(style));
         out.LF(model);
@@ -259,7 +268,7 @@ bool M2DSliceIO_slm::_WritePolygonSection(const VectorBlockExtract& extract, std
     return out.Ok() && static_cast<std::int64_t>(out.Size() - start) == size;
 }
 
-bool M2DSliceIO_slm::_WriteHatchSection(const VectorBlockExtract& extract, std::int64_t size, SectionBuffer& out) const
+bool M2DSliceIO_sectioned::_WriteHatchSection(const VectorBlockExtract& extract, std::int64_t size, SectionBuffer& out) const
 {
     const M2DSliceVectorBlock& block = *extract.Block;
     const std::uint64_t model = ModelIdOf(block), style = StyleIdOf(block);
@@ -279,10 +288,10 @@ bool M2DSliceIO_slm::_WriteHatchSection(const VectorBlockExtract& extract, std::
     return out.Ok() && static_cast<std::int64_t>(out.Size() - start) == size;
 }
 
-bool M2DSliceIO_slm::_WriteLayerSection(const std::vector<const M2DSlice*>& slices)
+void M2DSliceIO_sectioned::_CollectExtracts(const std::vector<const M2DSlice*>& slices,
+                                            std::vector<VectorBlockExtract>& extracts)
 {
-    std::vector<VectorBlockExtract> extracts, own;
-    _contourBlocks.clear();
+    std::vector<VectorBlockExtract> own;
     for (const M2DSlice* slice : slices)
     {
         own.clear();
@@ -292,6 +301,13 @@ bool M2DSliceIO_slm::_WriteLayerSection(const std::vector<const M2DSlice*>& slic
         _SortVectorsForBuildOrder(own);
         extracts.insert(extracts.end(), own.begin(), own.end());
     }
+}
+
+bool M2DSliceIO_sectioned::_WriteLayerSection(const std::vector<const M2DSlice*>& slices)
+{
+    std::vector<VectorBlockExtract> extracts;
+    _contourBlocks.clear();
+    _CollectExtracts(slices, extracts);
     _FilterEmptyVectorBlock(extracts);
     if (_writeOrder == WriteOrderByBuildOrder && slices.size() >= 2)
         _SortVectorsForBuildOrder(extracts);
@@ -320,8 +336,8 @@ bool M2DSliceIO_slm::_WriteLayerSection(const std::vector<const M2DSlice*>& slic
     return true;
 }
 
-bool M2DSliceIO_slm::_WriteLayer(const std::vector<const ISource2DSlices*>& /*sources*/, std::int32_t /*z*/,
-                                 const M2DSliceConstDataItems& items)
+bool M2DSliceIO_sectioned::_WriteLayer(const std::vector<const ISource2DSlices*>& /*sources*/, std::int32_t /*z*/,
+                                       const M2DSliceConstDataItems& items)
 {
     std::vector<const M2DSlice*> slices, first, second;
     _GetSlicesFromItems(items, slices);
@@ -331,7 +347,7 @@ bool M2DSliceIO_slm::_WriteLayer(const std::vector<const ISource2DSlices*>& /*so
     for (const M2DSlice* slice : slices)
     {
         const M2DSliceVectorBlock* block = slice->GetVectors()->GetFirstVectorBlock();
-        (block && block->GetTypeInfo().GetFlag(8) ? second : first).push_back(slice);
+        (_secondPass && block && block->GetTypeInfo().GetFlag(8) ? second : first).push_back(slice);
     }
     const double z = static_cast<double>(slices.front()->GetZ()) / _GetConversionFactor();
     if (z < 0)
@@ -354,6 +370,48 @@ bool M2DSliceIO_slm::_WriteLayer(const std::vector<const ISource2DSlices*>& /*so
 
 namespace {
 
+// n raw floats to out[i] = value * c truncated toward zero, as a double; values beyond the
+// int range (and NaN, as 0) are held at its ends.
+inline int Truncated(double v)
+{
+    // Selects rather than branches, so that a loop of these can run in vector registers.
+    v = v == v ? v : 0.0;
+    v = v < -2147483648.0 ? -2147483648.0 : v;
+    v = v > 2147483647.0 ? 2147483647.0 : v;
+    return static_cast<int>(v);
+}
+
+void TruncatedValues(const unsigned char* raw, std::size_t n, double c, int* out)
+{
+    for (std::size_t i = 0; i < n; ++i)
+        out[i] = Truncated(static_cast<double>(ByteOrder::LoadLE<float>(raw + 4 * i)) * c);
+}
+
+// The box of n float vectors in internal units by truncation, from the extreme raw values
+// alone, which truncation keeps in order; false with a NaN or a factor that is not positive.
+bool TruncatedBox(const unsigned char* raw, std::size_t n, double c, M2DSliceXYArea& box)
+{
+    if (n == 0 || !(c > 0.0))
+        return false;
+    float lo[2] = {ByteOrder::LoadLE<float>(raw), ByteOrder::LoadLE<float>(raw + 4)};
+    float hi[2] = {lo[0], lo[1]};
+    bool unordered = false;
+    for (std::size_t j = 0; j < 2 * n; ++j)
+        for (int k = 0; k < 2; ++k)
+        {
+            const float v = ByteOrder::LoadLE<float>(raw + 8 * j + 4 * k);
+            unordered |= v != v;
+            lo[k] = v < lo[k] ? v : lo[k];
+            hi[k] = v > hi[k] ? v : hi[k];
+        }
+    if (unordered)
+        return false;
+    box.Clear();
+    box.Extend(Truncated(static_cast<double>(lo[0]) * c), Truncated(static_cast<double>(lo[1]) * c));
+    box.Extend(Truncated(static_cast<double>(hi[0]) * c), Truncated(static_cast<double>(hi[1]) * c));
+    return true;
+}
+
 // The body of a seek table entry: the layer's position and z.
 bool ReadSeekTableEntry(ByteCursor body, std::int64_t& position, std::int64_t& z)
 {
@@ -373,7 +431,7 @@ bool ReadSeekTableEntry(ByteCursor body, std::int64_t& position, std::int64_t& z
 
 } // namespace
 
-M2DSliceVectorTypeInfo M2DSliceIO_slm::_BlockLabel(const M2DMTTVectorBlock& block) const
+M2DSliceVectorTypeInfo M2DSliceIO_sectioned::_BlockLabel(const M2DMTTVectorBlock& block) const
 {
     M2DSliceVectorTypeInfo label(_GetVectorTypeFromBuildStyleId(block.StyleId));
     label.SetIndex(e2DSliceVectorTypeIndex_Parameter, block.ParameterId);
@@ -384,15 +442,18 @@ M2DSliceVectorTypeInfo M2DSliceIO_slm::_BlockLabel(const M2DMTTVectorBlock& bloc
     return label;
 }
 
-void M2DSliceIO_slm::_AddNewPolygon(ILayerInput& input, const M2DMTTVectorBlock& block)
+void M2DSliceIO_sectioned::_AddNewPolygon(ILayerInput& input, const M2DMTTVectorBlock& block)
 {
     if ((block.BlockKind != 0 && block.BlockKind != 2) || block.NumFloats == 0)
         return;
     // Points x, y; the segments between successive points.
     const std::size_t points = block.NumFloats / 2;
     _points.resize(2 * points);
-    ConvertKernels::ConvertValues(block.Coordinates, 2 * points, ConvertKernels::RawKind::FloatLE,
-                                  _GetConversionFactor(), _points.data());
+    if (_truncateCoordinates)
+        TruncatedValues(block.Coordinates, 2 * points, _GetConversionFactor(), _points.data());
+    else
+        ConvertKernels::ConvertValues(block.Coordinates, 2 * points, ConvertKernels::RawKind::FloatLE,
+                                      _GetConversionFactor(), _points.data());
     _polygonVectors.clear();
     for (std::size_t i = 1; i < points; ++i)
         _polygonVectors.emplace_back(_points[2 * i - 2], _points[2 * i - 1], _points[2 * i], _points[2 * i + 1]);
@@ -401,18 +462,38 @@ void M2DSliceIO_slm::_AddNewPolygon(ILayerInput& input, const M2DMTTVectorBlock&
     input.EndVectorBlock(false);
 }
 
-void M2DSliceIO_slm::_AddNewVectorBlock(ILayerInput& input, const M2DMTTVectorBlock& block)
+void M2DSliceIO_sectioned::_AddNewVectorBlock(ILayerInput& input, const M2DMTTVectorBlock& block)
 {
     if ((block.BlockKind != 1 && block.BlockKind != 3) || block.NumFloats == 0)
         return;
     // Four floats a vector; a partial vector at the end is not read.
     const std::size_t n = block.NumFloats / 4;
     input.StartVectorBlock(_BlockLabel(block), n);
-    ConvertKernels::AddVectorRun(input, block.Coordinates, n, ConvertKernels::RawKind::FloatLE, _GetConversionFactor());
+    M2DSliceXYArea box;
+    if (_truncateCoordinates && input.MeasuresOnly() && TruncatedBox(block.Coordinates, n, _GetConversionFactor(), box))
+        input.AddVectorsArea(box, n);
+    else if (_truncateCoordinates)
+    {
+        // A chunk at a time, so that a long run needs no more memory than a short one.
+        _points.resize(4 * std::min(n, ConvertKernels::kVectorChunk));
+        for (std::size_t done = 0; done < n;)
+        {
+            const std::size_t m = std::min(n - done, ConvertKernels::kVectorChunk);
+            TruncatedValues(block.Coordinates + 16 * done, 4 * m, _GetConversionFactor(), _points.data());
+            _polygonVectors.clear();
+            for (std::size_t i = 0; i < m; ++i)
+                _polygonVectors.emplace_back(_points[4 * i], _points[4 * i + 1], _points[4 * i + 2], _points[4 * i + 3]);
+            input.AddVectors(_polygonVectors.data(), m);
+            done += m;
+        }
+    }
+    else
+        ConvertKernels::AddVectorRun(input, block.Coordinates, n, ConvertKernels::RawKind::FloatLE,
+                                     _GetConversionFactor());
     input.EndVectorBlock(false);
 }
 
-bool M2DSliceIO_slm::_LoadBlock(ByteCursor body, M2DMTTVectorBlock& block, bool polygon)
+bool M2DSliceIO_sectioned::_LoadBlock(ByteCursor body, M2DMTTVectorBlock& block, bool polygon)
 {
     SectionHeader head;
     ByteCursor field;
@@ -469,7 +550,7 @@ bool M2DSliceIO_slm::_LoadBlock(ByteCursor body, M2DMTTVectorBlock& block, bool 
     return true;
 }
 
-bool M2DSliceIO_slm::_LoadLayer(ByteCursor body, ILayerInput& input, bool second)
+bool M2DSliceIO_sectioned::_LoadLayer(ByteCursor body, ILayerInput& input, bool second)
 {
     SectionHeader head;
     ByteCursor field;
@@ -492,7 +573,7 @@ bool M2DSliceIO_slm::_LoadLayer(ByteCursor body, ILayerInput& input, bool second
     return true;
 }
 
-bool M2DSliceIO_slm::_FetchLayer(ILayerInput& input, ITarget2DSlices* target)
+bool M2DSliceIO_sectioned::_FetchLayer(ILayerInput& input, ITarget2DSlices* target)
 {
     PersistentProperties* properties = target ? target->GetProperties() : nullptr;
     auto* list = properties ? properties->AddProperty<IndexedProperties<PersistentProperties>>(L"SLMBuildStyles") : nullptr;
@@ -550,7 +631,7 @@ bool M2DSliceIO_slm::_FetchLayer(ILayerInput& input, ITarget2DSlices* target)
             return _Fail("cannot seek back to the seek table");
         // Further entries of the same height belong to this slice; a damaged one is left for
         // the next call to report.
-        if (!readEntry(position, z, failed, true))
+        if (!_secondPass || !readEntry(position, z, failed, true))
             break;
         if (z != firstZ)
         {
@@ -565,7 +646,7 @@ bool M2DSliceIO_slm::_FetchLayer(ILayerInput& input, ITarget2DSlices* target)
     return true;
 }
 
-bool M2DSliceIO_slm::_ReadLayer(M2DSlice& slice, ITarget2DSlices* target, bool /*readVectors*/)
+bool M2DSliceIO_sectioned::_ReadLayer(M2DSlice& slice, ITarget2DSlices* target, bool /*readVectors*/)
 {
     M2DSliceContainerScanInfo info;
     {
@@ -578,7 +659,7 @@ bool M2DSliceIO_slm::_ReadLayer(M2DSlice& slice, ITarget2DSlices* target, bool /
     return true;
 }
 
-bool M2DSliceIO_slm::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* target, bool /*readVectors*/)
+bool M2DSliceIO_sectioned::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* target, bool /*readVectors*/)
 {
     MLayerScanner scanner(info);
     const bool ok = _FetchLayer(scanner, target);

@@ -80,7 +80,7 @@ bool GetBuildStrategySubPtree(const pt::ptree& tree, const std::string& category
 
 // The parameters the configuration names for a style id: key and unit of each.
 bool GetConfigInfo(const pt::ptree& config, std::int64_t styleId,
-                   std::vector<M2DSliceIO_slm::GeneratingParameterEntry>& entries)
+                   std::vector<M2DSliceIO_sectioned::GeneratingParameterEntry>& entries)
 {
     const std::string id = std::to_string(styleId);
     try
@@ -96,7 +96,7 @@ bool GetConfigInfo(const pt::ptree& config, std::int64_t styleId,
                 const std::string key = parameter.second.get<std::string>("<xmlattr>.Key", "");
                 if (key.empty())
                     continue;
-                M2DSliceIO_slm::GeneratingParameterEntry entry;
+                M2DSliceIO_sectioned::GeneratingParameterEntry entry;
                 entry.Key = ToUtf16(key);
                 entry.Unit = ToUtf16(parameter.second.get<std::string>("<xmlattr>.Unit", ""));
                 entries.push_back(std::move(entry));
@@ -133,7 +133,7 @@ namespace {
 
 // One build style list of a source, filtered by kind.
 bool ReadStyles(const PersistentProperties& source, const PersistentProperties& defaults, StyleFilter filter,
-                std::vector<std::unique_ptr<M2DSliceIO_slm::BuildStyle>>& list)
+                std::vector<std::unique_ptr<M2DSliceIO_sectioned::BuildStyle>>& list)
 {
     IndexedProperties<PersistentProperties> styles;
     if (!source.GetValue(kStylesKey, styles) && !defaults.GetValue(kStylesKey, styles))
@@ -154,7 +154,7 @@ bool ReadStyles(const PersistentProperties& source, const PersistentProperties& 
             return false;
         if (!Keeps(filter, id))
             continue;
-        auto style = std::make_unique<M2DSliceIO_slm::BuildStyle>();
+        auto style = std::make_unique<M2DSliceIO_sectioned::BuildStyle>();
         style->BuildStyleId = id;
         style->PointDistance = pointDistance;
         style->ExposureTime = exposureTime;
@@ -172,7 +172,7 @@ bool ReadStyles(const PersistentProperties& source, const PersistentProperties& 
 
 } // namespace
 
-void M2DSliceIO_slm::SetDefaultBuildStyles(const std::vector<BuildStyle>& styles)
+void M2DSliceIO_sectioned::SetDefaultBuildStyles(const std::vector<BuildStyle>& styles)
 {
     PersistentProperties defaults;
     defaults.SetValue(L"PartID", std::int32_t{1});
@@ -198,32 +198,32 @@ void M2DSliceIO_slm::SetDefaultBuildStyles(const std::vector<BuildStyle>& styles
     _sourceDefaults = std::move(defaults);
 }
 
-bool M2DSliceIO_slm::NamesBuildStyles(const PersistentProperties* properties)
+bool M2DSliceIO_sectioned::NamesBuildStyles(const PersistentProperties* properties)
 {
     IndexedProperties<PersistentProperties> list;
     return properties && properties->GetValue(kStylesKey, list);
 }
 
-bool M2DSliceIO_slm::_GetBuildStylesForPart(const PersistentProperties& source,
-                                            std::vector<std::unique_ptr<BuildStyle>>& list)
+bool M2DSliceIO_sectioned::_GetBuildStylesForPart(const PersistentProperties& source,
+                                                  std::vector<std::unique_ptr<BuildStyle>>& list)
 {
     return ReadStyles(source, _sourceDefaults, StyleFilter::Part, list);
 }
 
-bool M2DSliceIO_slm::_GetBuildStylesForVolumeSupports(const PersistentProperties& source,
-                                                      std::vector<std::unique_ptr<BuildStyle>>& list)
+bool M2DSliceIO_sectioned::_GetBuildStylesForVolumeSupports(const PersistentProperties& source,
+                                                            std::vector<std::unique_ptr<BuildStyle>>& list)
 {
     return ReadStyles(source, _sourceDefaults, StyleFilter::VolumeSupport, list);
 }
 
-bool M2DSliceIO_slm::_GetBuildStylesForWallSupports(const PersistentProperties& source,
-                                                    std::vector<std::unique_ptr<BuildStyle>>& list)
+bool M2DSliceIO_sectioned::_GetBuildStylesForWallSupports(const PersistentProperties& source,
+                                                          std::vector<std::unique_ptr<BuildStyle>>& list)
 {
     return ReadStyles(source, _sourceDefaults, StyleFilter::WallSupport, list);
 }
 
-bool M2DSliceIO_slm::_GetBuildStyleListNameAndTopSlice(const std::vector<const ISource2DSlices*>& sources,
-                                                       std::vector<std::unique_ptr<ModelInfoMap>>& models)
+bool M2DSliceIO_sectioned::_GetBuildStyleListNameAndTopSlice(const std::vector<const ISource2DSlices*>& sources,
+                                                             std::vector<std::unique_ptr<ModelInfoMap>>& models)
 {
     // Both texts given: the material database and the configuration that names the
     // generating parameters. Parse errors and a configuration that cannot be opened are
@@ -326,8 +326,8 @@ bool M2DSliceIO_slm::_GetBuildStyleListNameAndTopSlice(const std::vector<const I
     return ok;
 }
 
-bool M2DSliceIO_slm::_isNamedStrategyUsed(const std::vector<std::unique_ptr<ModelInfoMap>>& models,
-                                          const std::wstring& name)
+bool M2DSliceIO_sectioned::_isNamedStrategyUsed(const std::vector<std::unique_ptr<ModelInfoMap>>& models,
+                                                const std::wstring& name)
 {
     for (const auto& model : models)
         if (model->BuildStrategyName == name)
@@ -335,7 +335,7 @@ bool M2DSliceIO_slm::_isNamedStrategyUsed(const std::vector<std::unique_ptr<Mode
     return false;
 }
 
-const M2DSliceIO_slm::BuildStyle* M2DSliceIO_slm::_FindWrittenBuildStyle(std::int64_t modelId,
+const M2DSliceIO_sectioned::BuildStyle* M2DSliceIO_sectioned::_FindWrittenBuildStyle(std::int64_t modelId,
                                                                          std::int64_t styleId) const
 {
     for (const auto& model : _models)
@@ -348,7 +348,7 @@ const M2DSliceIO_slm::BuildStyle* M2DSliceIO_slm::_FindWrittenBuildStyle(std::in
 
 // ------------------------------------------------------------------ model sections
 
-std::int64_t M2DSliceIO_slm::_CalcBuildStyleSectionSize(const BuildStyle& style)
+std::int64_t M2DSliceIO_sectioned::_CalcBuildStyleSectionSize(const BuildStyle& style)
 {
     return IntegerSectionSize(Id_BuildStyleId, static_cast<std::uint64_t>(style.BuildStyleId)) +
            3 * SectionSize(Id_LaserSpeed, 4) +
@@ -357,7 +357,7 @@ std::int64_t M2DSliceIO_slm::_CalcBuildStyleSectionSize(const BuildStyle& style)
            SectionSize(Id_LaserIndex, 4) + WideSectionSize(Id_BuildStyleName, style.BuildStyleName);
 }
 
-void M2DSliceIO_slm::_WriteBuildStyleSection(const BuildStyle& style, SectionBuffer& out)
+void M2DSliceIO_sectioned::_WriteBuildStyleSection(const BuildStyle& style, SectionBuffer& out)
 {
     out.Head(Id_BuildStyle, _CalcBuildStyleSectionSize(style));
     out.Integer(Id_BuildStyleId, static_cast<std::uint64_t>(style.BuildStyleId));
@@ -372,7 +372,7 @@ void M2DSliceIO_slm::_WriteBuildStyleSection(const BuildStyle& style, SectionBuf
     out.Wide(Id_BuildStyleName, style.BuildStyleName);
 }
 
-std::int64_t M2DSliceIO_slm::_CalcExtraBuildStyleSectionSize(const BuildStyle& style, bool withHead)
+std::int64_t M2DSliceIO_sectioned::_CalcExtraBuildStyleSectionSize(const BuildStyle& style, bool withHead)
 {
     const std::int64_t body = 3 * SectionSize(Id_LaserSpeed, 4) +
                               IntegerSectionSize(Id_PointDistance, static_cast<std::uint64_t>(style.PointDistance)) +
@@ -381,7 +381,7 @@ std::int64_t M2DSliceIO_slm::_CalcExtraBuildStyleSectionSize(const BuildStyle& s
     return withHead ? SectionSize(Id_ExtraBuildStyle, body) : body;
 }
 
-void M2DSliceIO_slm::_WriteExtraBuildStyleSection(const BuildStyle& style, SectionBuffer& out)
+void M2DSliceIO_sectioned::_WriteExtraBuildStyleSection(const BuildStyle& style, SectionBuffer& out)
 {
     out.Head(Id_ExtraBuildStyle, _CalcExtraBuildStyleSectionSize(style, false));
     // The factors apply here, as single-precision products, and nowhere else.
@@ -393,7 +393,7 @@ void M2DSliceIO_slm::_WriteExtraBuildStyleSection(const BuildStyle& style, Secti
     out.Int32(Id_LaserIndex, style.LaserIndex);
 }
 
-bool M2DSliceIO_slm::_WriteModelSection(const ModelInfoMap& model, SectionBuffer& out) const
+bool M2DSliceIO_sectioned::_WriteModelSection(const ModelInfoMap& model, SectionBuffer& out) const
 {
     const std::size_t at = out.OpenFixed(Id_Model);
     out.Integer(Id_ModelId, static_cast<std::uint64_t>(static_cast<std::int64_t>(model.ModelId)));
@@ -434,13 +434,13 @@ bool M2DSliceIO_slm::_WriteModelSection(const ModelInfoMap& model, SectionBuffer
 
 // ------------------------------------------------------------------ reading
 
-M2DSliceIO_slm::ModelInfo* M2DSliceIO_slm::_GetModelInfoByID(std::int64_t id) const
+M2DSliceIO_sectioned::ModelInfo* M2DSliceIO_sectioned::_GetModelInfoByID(std::int64_t id) const
 {
     const auto found = _modelTable.find(id);
     return found == _modelTable.end() ? nullptr : found->second.get();
 }
 
-M2DSliceIO_slm::BuildStyle* M2DSliceIO_slm::_GetBuildStyleByMapAndID(const ModelInfo& model, std::int64_t id)
+M2DSliceIO_sectioned::BuildStyle* M2DSliceIO_sectioned::_GetBuildStyleByMapAndID(const ModelInfo& model, std::int64_t id)
 {
     const auto found = model.BuildStyles.find(id);
     return found == model.BuildStyles.end() ? nullptr : found->second.get();
@@ -452,7 +452,7 @@ constexpr std::int64_t kMaxModelNameSize = 1000;
 
 // A build style's fields; false when a field section is too short. The name is everything
 // from its section to the end of the style, its NUL unit included, and one NUL more.
-bool LoadStyleFields(ByteCursor body, M2DSliceIO_slm::BuildStyle& style, std::int64_t* id)
+bool LoadStyleFields(ByteCursor body, M2DSliceIO_sectioned::BuildStyle& style, std::int64_t* id, bool names)
 {
     SectionHeader head;
     ByteCursor field;
@@ -485,6 +485,8 @@ bool LoadStyleFields(ByteCursor body, M2DSliceIO_slm::BuildStyle& style, std::in
             ok = LoadInt32(field, style.LaserIndex);
             break;
         case Id_BuildStyleName:
+            if (!names)
+                break; // a format without style names passes the section over
             style.BuildStyleName = LoadWideRaw(ByteCursor(field.Data(), field.Remaining() + body.Remaining()));
             style.BuildStyleName += L'\0';
             body.Skip(body.Remaining());
@@ -500,17 +502,17 @@ bool LoadStyleFields(ByteCursor body, M2DSliceIO_slm::BuildStyle& style, std::in
 
 } // namespace
 
-bool M2DSliceIO_slm::_LoadModelBuildStyle(ModelInfo& model, ByteCursor body)
+bool M2DSliceIO_sectioned::_LoadModelBuildStyle(ModelInfo& model, ByteCursor body)
 {
     auto style = std::make_unique<BuildStyle>();
-    if (!LoadStyleFields(body, *style, &style->BuildStyleId))
+    if (!LoadStyleFields(body, *style, &style->BuildStyleId, _namedStyles))
         return _Fail(fmt::format("build style of model {} cut short", model.ModelId));
     const std::int64_t id = style->BuildStyleId;
     model.BuildStyles[id] = std::move(style);
     return true;
 }
 
-bool M2DSliceIO_slm::_LoadModelInfo(ByteCursor body)
+bool M2DSliceIO_sectioned::_LoadModelInfo(ByteCursor body)
 {
     auto model = std::make_unique<ModelInfo>();
     SectionHeader head;
@@ -552,13 +554,14 @@ bool M2DSliceIO_slm::_LoadModelInfo(ByteCursor body)
     return true;
 }
 
-std::int32_t M2DSliceIO_slm::_ConvertBuildStyleToBuildParameters(const BuildStyle& style, std::int64_t modelId,
-                                                                 std::int32_t id)
+std::int32_t M2DSliceIO_sectioned::_ConvertBuildStyleToBuildParameters(const BuildStyle& style, std::int64_t modelId,
+                                                                       std::int32_t id)
 {
     M2DSliceBuildParameters::Instance instance;
     instance.SetID(id);
     PersistentProperties& values = instance.GetPropertiesUpdate();
-    values.SetValue(L"BuildStyleID", static_cast<std::int32_t>(style.BuildStyleId));
+    if (_namedStyles)
+        values.SetValue(L"BuildStyleID", static_cast<std::int32_t>(style.BuildStyleId));
     values.SetValue(L"ModelID", static_cast<std::int32_t>(modelId));
     instance.SetLaserPower(static_cast<double>(style.LaserPower));
     values.SetValue(L"LaserPowerFactor", static_cast<double>(style.LaserPowerFactor));
@@ -566,15 +569,18 @@ std::int32_t M2DSliceIO_slm::_ConvertBuildStyleToBuildParameters(const BuildStyl
     instance.SetSpeed(static_cast<double>(style.LaserSpeed));
     values.SetValue(L"SpeedFactor", static_cast<double>(style.LaserSpeedFactor));
     values.SetValue(L"LaserIndex", style.LaserIndex);
-    values.SetValue(L"VectorTypeName", style.BuildStyleName);
-    instance.SetName(style.BuildStyleName.c_str());
+    if (_namedStyles)
+    {
+        values.SetValue(L"VectorTypeName", style.BuildStyleName);
+        instance.SetName(style.BuildStyleName.c_str());
+    }
     values.SetValue(L"ExposureTime", static_cast<double>(style.ExposureTime) / 1e6);
     values.SetValue(L"PointDistance", static_cast<double>(style.PointDistance) / 1000.0);
     _buildParameters->AddInstance(instance);
     return static_cast<std::int32_t>(_buildParameters->GetNumInstances()) - 1;
 }
 
-void M2DSliceIO_slm::_ConvertModelInfoToBuildParameters(ITarget2DSlices* target)
+void M2DSliceIO_sectioned::_ConvertModelInfoToBuildParameters(ITarget2DSlices* target)
 {
     PersistentProperties* properties = target ? target->GetProperties() : nullptr;
     _buildParameters = M2DSliceBuildParameters::Get(properties, true);
@@ -586,8 +592,8 @@ void M2DSliceIO_slm::_ConvertModelInfoToBuildParameters(ITarget2DSlices* target)
             _ConvertBuildStyleToBuildParameters(*style.second, model.first, static_cast<std::int32_t>(style.first));
 }
 
-std::int32_t M2DSliceIO_slm::_GetBuildParametersIndexOfBuildStyle(const BuildStyle& style, std::int64_t modelId,
-                                                                  bool generated)
+std::int32_t M2DSliceIO_sectioned::_GetBuildParametersIndexOfBuildStyle(const BuildStyle& style, std::int64_t modelId,
+                                                                        bool generated)
 {
     if (!_buildParameters)
         return -1;
@@ -603,13 +609,15 @@ std::int32_t M2DSliceIO_slm::_GetBuildParametersIndexOfBuildStyle(const BuildSty
         std::int32_t styleId = 0, model = 0, laserIndex = 0;
         double powerFactor = 0, focus = 0, speedFactor = 0, exposure = 0, distance = 0;
         std::wstring name;
-        if (v.GetValue(L"ModelID", model) && model == modelId && v.GetValue(L"BuildStyleID", styleId) &&
-            styleId == style.BuildStyleId && instance.GetLaserPower() == static_cast<double>(style.LaserPower) &&
+        // Without style names the instance holds neither the style id nor the name.
+        const bool named = !_namedStyles || (v.GetValue(L"BuildStyleID", styleId) && styleId == style.BuildStyleId &&
+                                             v.GetValue(L"VectorTypeName", name) && name == style.BuildStyleName);
+        if (v.GetValue(L"ModelID", model) && model == modelId && named && instance.GetLaserPower() == static_cast<double>(style.LaserPower) &&
             v.GetValue(L"LaserPowerFactor", powerFactor) && powerFactor == static_cast<double>(style.LaserPowerFactor) &&
             v.GetValue(L"LaserFocus", focus) && focus == static_cast<double>(style.LaserFocus) &&
             instance.GetSpeed() == static_cast<double>(style.LaserSpeed) && v.GetValue(L"SpeedFactor", speedFactor) &&
             speedFactor == static_cast<double>(style.LaserSpeedFactor) && v.GetValue(L"LaserIndex", laserIndex) &&
-            laserIndex == style.LaserIndex && v.GetValue(L"VectorTypeName", name) && name == style.BuildStyleName &&
+            laserIndex == style.LaserIndex &&
             v.GetValue(L"ExposureTime", exposure) && exposure == static_cast<double>(style.ExposureTime) / 1e6 &&
             v.GetValue(L"PointDistance", distance) && distance == static_cast<double>(style.PointDistance) / 1000.0)
             return static_cast<std::int32_t>(i);
@@ -618,7 +626,7 @@ std::int32_t M2DSliceIO_slm::_GetBuildParametersIndexOfBuildStyle(const BuildSty
     return static_cast<std::int32_t>(_buildParameters->GetNumInstances()) - 1;
 }
 
-e2DSliceVectorType M2DSliceIO_slm::_GetVectorTypeFromBuildStyleId(std::int64_t id)
+e2DSliceVectorType M2DSliceIO_sectioned::_GetVectorTypeFromBuildStyleId(std::int64_t id)
 {
     switch (id)
     {
@@ -633,7 +641,7 @@ e2DSliceVectorType M2DSliceIO_slm::_GetVectorTypeFromBuildStyleId(std::int64_t i
     }
 }
 
-void M2DSliceIO_slm::_AddVectorTypeInfo(std::int64_t id, M2DSliceVectorTypeInfo& info)
+void M2DSliceIO_sectioned::_AddVectorTypeInfo(std::int64_t id, M2DSliceVectorTypeInfo& info)
 {
     switch (id)
     {
@@ -663,7 +671,7 @@ void M2DSliceIO_slm::_AddVectorTypeInfo(std::int64_t id, M2DSliceVectorTypeInfo&
 
 // ------------------------------------------------------------------ properties of blocks
 
-std::int32_t M2DSliceIO_slm::_GetIndexOfProperties(const SlmBuildProperties& properties) const
+std::int32_t M2DSliceIO_sectioned::_GetIndexOfProperties(const SlmBuildProperties& properties) const
 {
     for (std::size_t i = 0; i < _properties.size(); ++i)
         if (_properties[i] == properties)
@@ -671,12 +679,13 @@ std::int32_t M2DSliceIO_slm::_GetIndexOfProperties(const SlmBuildProperties& pro
     return -1;
 }
 
-void M2DSliceIO_slm::_AddNewProperty(const SlmBuildProperties& properties)
+void M2DSliceIO_sectioned::_AddNewProperty(const SlmBuildProperties& properties)
 {
     if (!_buildStyleList)
         return;
     PersistentProperties& item = _buildStyleList->Add();
-    item.SetValue(L"SLMBuildStyleName", properties.Name);
+    if (_namedStyles)
+        item.SetValue(L"SLMBuildStyleName", properties.Name);
     item.SetValue(L"SLMBuildStyleID", properties.BuildStyleId);
     item.SetValue(L"LaserSpeed", static_cast<double>(properties.LaserSpeed));
     item.SetValue(L"LaserPower", static_cast<double>(properties.LaserPower));
@@ -686,7 +695,7 @@ void M2DSliceIO_slm::_AddNewProperty(const SlmBuildProperties& properties)
     item.SetValue(L"LaserIndex", properties.LaserIndex);
 }
 
-void M2DSliceIO_slm::_SetBuildPropertiesToVectorBlock(M2DMTTVectorBlock& block, const SlmBuildProperties& properties)
+void M2DSliceIO_sectioned::_SetBuildPropertiesToVectorBlock(M2DMTTVectorBlock& block, const SlmBuildProperties& properties)
 {
     std::int32_t index = _GetIndexOfProperties(properties);
     if (index < 0)
@@ -700,9 +709,9 @@ void M2DSliceIO_slm::_SetBuildPropertiesToVectorBlock(M2DMTTVectorBlock& block, 
 
 namespace {
 
-M2DSliceIO_slm::SlmBuildProperties PropertiesOf(const M2DSliceIO_slm::BuildStyle& style)
+M2DSliceIO_sectioned::SlmBuildProperties PropertiesOf(const M2DSliceIO_sectioned::BuildStyle& style)
 {
-    M2DSliceIO_slm::SlmBuildProperties p;
+    M2DSliceIO_sectioned::SlmBuildProperties p;
     p.BuildStyleId = static_cast<std::int32_t>(style.BuildStyleId);
     p.PointDistance = static_cast<std::int32_t>(style.PointDistance);
     p.ExposureTime = static_cast<std::int32_t>(style.ExposureTime);
@@ -716,7 +725,7 @@ M2DSliceIO_slm::SlmBuildProperties PropertiesOf(const M2DSliceIO_slm::BuildStyle
 
 } // namespace
 
-bool M2DSliceIO_slm::_FindBuildProperties(M2DMTTVectorBlock& block)
+bool M2DSliceIO_sectioned::_FindBuildProperties(M2DMTTVectorBlock& block)
 {
     const ModelInfo* model = _GetModelInfoByID(block.ModelId);
     const BuildStyle* style = model ? _GetBuildStyleByMapAndID(*model, block.StyleId) : nullptr;
@@ -727,10 +736,10 @@ bool M2DSliceIO_slm::_FindBuildProperties(M2DMTTVectorBlock& block)
     return true;
 }
 
-bool M2DSliceIO_slm::_LoadBuildParameterSection(M2DMTTVectorBlock& block, ByteCursor body)
+bool M2DSliceIO_sectioned::_LoadBuildParameterSection(M2DMTTVectorBlock& block, ByteCursor body)
 {
     BuildStyle style;
-    if (!LoadStyleFields(body, style, nullptr))
+    if (!LoadStyleFields(body, style, nullptr, _namedStyles))
         return _Fail("extra build style section cut short");
     style.BuildStyleId = block.StyleId;
     _SetBuildPropertiesToVectorBlock(block, PropertiesOf(style));

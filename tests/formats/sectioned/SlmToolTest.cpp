@@ -140,3 +140,59 @@ TEST_F(SlmToolTest, CompressedBuildFilesBothWaysAndSideBySide)
     }
     EXPECT_LE(worst, 25 + 1); // half a step, and the float's own rounding
 }
+
+TEST_F(SlmToolTest, CliConvertsToMttAndBackWithoutSettings)
+{
+    const std::string cli = _dir.File("in.cli"), mtt = _dir.File("out.mtt"), back = _dir.File("back.cli");
+    ASSERT_EQ(Tool({"sample", cli, "--layers", "5"}).Code, 0);
+    const ToolResult to = Tool({"convert", cli, mtt});
+    ASSERT_EQ(to.Code, 0) << to.Err;
+    EXPECT_NE(to.Out.find("MTT (code 51)"), std::string::npos) << to.Out;
+    const std::string file = ts::ReadFile(mtt);
+    EXPECT_EQ(file.substr(9, 20), std::string("\x02\x0EMTT-Layerfile\0\x03\x02\x01\x00", 20));
+    // Asked for by code, with any extension, it is the same file but for nothing.
+    const ToolResult byCode = Tool({"convert", cli, _dir.File("coded.bin"), "--to", "51"});
+    ASSERT_EQ(byCode.Code, 0) << byCode.Err;
+    EXPECT_EQ(ts::ReadFile(_dir.File("coded.bin")), file);
+
+    const ToolResult info = Tool({"info", mtt});
+    ASSERT_EQ(info.Code, 0) << info.Err;
+    for (const char* text : {"MTT (code 51)", "File ID String:   MTT-Layerfile", "File Version:     1.0",
+                             "model 1:", "0 (1000 mm/s, 200 W)"})
+        EXPECT_NE(info.Out.find(text), std::string::npos) << text << " missing in:\n" << info.Out;
+    EXPECT_EQ(info.Out.find("GUID"), std::string::npos) << info.Out;
+    EXPECT_EQ(Tool({"check", mtt}).Code, 0);
+
+    // Back to CLI: every hatch vector returns, each coordinate at most one unit short of it
+    // toward zero, since the file's floats are read back truncated.
+    const ToolResult from = Tool({"convert", mtt, back});
+    ASSERT_EQ(from.Code, 0) << from.Err;
+    const auto input = VectorsOf(cli, 0), output = VectorsOf(back, 0);
+    ASSERT_EQ(input.size(), 5u);
+    ASSERT_EQ(output.size(), 5u);
+    auto near = [](const M2DSliceVector& a, const M2DSliceVector& b) {
+        // A unit off is what truncation may cost; CLI's step of ten units then keeps it.
+        for (int d : {a.x1 - b.x1, a.y1 - b.y1, a.x2 - b.x2, a.y2 - b.y2})
+            if (std::abs(d) > 10)
+                return false;
+        return true;
+    };
+    for (std::size_t i = 0; i < input.size(); ++i)
+    {
+        EXPECT_GT(output[i].size(), input[i].size()) << "layer " << i; // contour segments added
+        std::vector<M2DSliceVector> left = output[i];
+        for (const M2DSliceVector& v : input[i])
+        {
+            const auto found = std::find_if(left.begin(), left.end(), [&](const M2DSliceVector& w) { return near(v, w); });
+            ASSERT_NE(found, left.end()) << "layer " << i;
+            left.erase(found);
+        }
+    }
+
+    // A write order only MTT knows is refused for SLM with the reason.
+    ts::WriteFile(_dir.File("settings.json"), R"({"sectioned": {"WriteOrder": "SortedRegions"}})");
+    EXPECT_EQ(Tool({"convert", cli, _dir.File("regions.mtt"), "--settings", _dir.File("settings.json")}).Code, 0);
+    const ToolResult slm = Tool({"convert", cli, _dir.File("regions.slm"), "--settings", _dir.File("settings.json")});
+    EXPECT_EQ(slm.Code, 1);
+    EXPECT_NE(slm.Err.find("WriteOrder"), std::string::npos) << slm.Err;
+}

@@ -1,9 +1,11 @@
-// The tool's side of SLM layer files: a model per input part with build styles from the
-// settings file's "sectioned" section where the input has none, material and strategy names,
-// the optional material database and configuration XML, and the millimetre scale the files
-// read back at. `info` shows the header, the models and their build styles.
+// The tool's side of SLM and MTT layer files: a model per input part with build styles from
+// the settings file's "sectioned" section where the input has none, material and strategy
+// names, the optional material database and configuration XML (SLM only: MTT files hold
+// none of these), and the millimetre scale the files read back at. `info` shows the header,
+// the models and their build styles.
 #include <cstdint>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <sstream>
 
@@ -11,6 +13,7 @@
 
 #include "../../../contracts/MUnit.h"
 #include "../../../contracts/StringConversion.h"
+#include "../../../formats/sectioned/M2DSliceIO_mtt.h"
 #include "../../../formats/sectioned/M2DSliceIO_slm.h"
 #include "../FormatHooks.h"
 #include "../Tool.h"
@@ -56,7 +59,7 @@ json Defaults()
     settings["ConfigXml"] = "";
     settings["ContoursAsPolygons"] = true; // false: contours are not written
     settings["KindlessBlocks"] = true;     // blocks of no known kind: chains as polygons, else hatches
-    settings["WriteOrder"] = "PerSlice";   // or "ByBuildOrder"
+    settings["WriteOrder"] = "PerSlice";   // or "ByBuildOrder", or for MTT "SortedRegions"
     return settings;
 }
 
@@ -139,9 +142,10 @@ std::string ReadText(const std::string& path, const char* key)
 
 void Prepare(WriterSetup& setup)
 {
-    auto* slm = dynamic_cast<M2DSliceIO_slm*>(setup.Writer);
-    if (!slm)
+    auto* io = dynamic_cast<M2DSliceIO_sectioned*>(setup.Writer);
+    if (!io)
         return;
+    auto* slm = dynamic_cast<M2DSliceIO_slm*>(setup.Writer); // null for MTT
     json settings = Defaults();
     for (const auto& [key, value] : setup.Settings.items())
     {
@@ -153,45 +157,59 @@ void Prepare(WriterSetup& setup)
     // Coordinates are floats in millimetres, and a reader takes them so: only that scale
     // reads back true.
     if (setup.ScaleGiven && (setup.UnitConversion != MUnit::GetIE() || setup.InverseResolution != 1))
-        throw Failure("SLM files hold millimetres and read back at that scale only: leave out --units and "
+        throw Failure("SLM and MTT files hold millimetres and read back at that scale only: leave out --units and "
                       "--resolution (or give millimetres at resolution 1)");
     setup.UnitConversion = MUnit::GetIE();
     setup.InverseResolution = 1;
 
     // Every part becomes a model; what a part does not say of itself comes from here.
-    slm->SetDefaultBuildStyles(StylesOf(settings["BuildStyles"]));
+    io->SetDefaultBuildStyles(StylesOf(settings["BuildStyles"]));
     std::size_t withOwn = 0;
     for (const ISource2DSlices* source : setup.Sources)
         withOwn += source && M2DSliceIO_slm::NamesBuildStyles(source->GetProperties()) ? 1 : 0;
 
-    slm->SetFileType(static_cast<unsigned short>(setup.Code));
-    slm->SetUsedMaterialName(WideText(settings, "MaterialName"));
-    slm->SetUsedMaterialComment(WideText(settings, "MaterialComment"));
-    slm->SetUsedBuildStrategyName(WideText(settings, "BuildStrategyName"));
-    slm->SetUsedBuildStrategyComment(WideText(settings, "BuildStrategyComment"));
+    io->SetFileType(static_cast<unsigned short>(setup.Code));
+    // The texts are checked for either format; an MTT file has no place for them.
+    const std::wstring material = WideText(settings, "MaterialName");
+    const std::wstring materialComment = WideText(settings, "MaterialComment");
+    const std::wstring strategy = WideText(settings, "BuildStrategyName");
+    const std::wstring strategyComment = WideText(settings, "BuildStrategyComment");
     if (!settings["BuildStrategyProtection"].is_boolean())
         Wrong("BuildStrategyProtection", "true or false");
-    slm->SetUsedBuildStrategyProtection(settings["BuildStrategyProtection"].get<bool>());
-    slm->SetProductInformation(WideText(settings, "ProductName"), WideText(settings, "ProductVersion"));
-    std::wstring guid = WideText(settings, "FileGuid");
-    slm->SetFileGuid(guid.empty() ? RandomGuid() : guid);
+    const std::wstring product = WideText(settings, "ProductName"), version = WideText(settings, "ProductVersion");
+    const std::wstring guid = WideText(settings, "FileGuid");
+    if (slm)
+    {
+        slm->SetUsedMaterialName(material);
+        slm->SetUsedMaterialComment(materialComment);
+        slm->SetUsedBuildStrategyName(strategy);
+        slm->SetUsedBuildStrategyComment(strategyComment);
+        slm->SetUsedBuildStrategyProtection(settings["BuildStrategyProtection"].get<bool>());
+        slm->SetProductInformation(product, version);
+        slm->SetFileGuid(guid.empty() ? RandomGuid() : guid);
+    }
     if (!settings["ContoursAsPolygons"].is_boolean())
         Wrong("ContoursAsPolygons", "true or false");
     const bool contours = settings["ContoursAsPolygons"].get<bool>();
-    slm->SetContoursAsPolygons(contours);
+    io->SetContoursAsPolygons(contours);
     if (!settings["KindlessBlocks"].is_boolean())
         Wrong("KindlessBlocks", "true or false");
-    slm->SetKindlessBlocksInferred(settings["KindlessBlocks"].get<bool>());
+    io->SetKindlessBlocksInferred(settings["KindlessBlocks"].get<bool>());
     const json& order = settings["WriteOrder"];
-    if (!order.is_string() || (order != "PerSlice" && order != "ByBuildOrder"))
-        Wrong("WriteOrder", "\"PerSlice\" or \"ByBuildOrder\"");
-    slm->SetWriteOrder(order == "PerSlice" ? M2DSliceIO_slm::WriteOrderPerSlice : M2DSliceIO_slm::WriteOrderByBuildOrder);
+    if (!order.is_string() || (order != "PerSlice" && order != "ByBuildOrder" && (slm || order != "SortedRegions")))
+        Wrong("WriteOrder", slm ? "\"PerSlice\" or \"ByBuildOrder\""
+                                : "\"PerSlice\", \"ByBuildOrder\" or \"SortedRegions\"");
+    io->SetWriteOrder(order == "PerSlice"       ? M2DSliceIO_sectioned::WriteOrderPerSlice
+                      : order == "ByBuildOrder" ? M2DSliceIO_sectioned::WriteOrderByBuildOrder
+                                                : M2DSliceIO_sectioned::WriteOrderSortedRegions);
 
     WideText(settings, "MaterialDatabaseXml");
     WideText(settings, "ConfigXml");
     const std::string database = settings["MaterialDatabaseXml"].get<std::string>();
     const std::string config = settings["ConfigXml"].get<std::string>();
-    if (!database.empty() && !config.empty())
+    if (!database.empty() && !config.empty() && !slm)
+        setup.Notes.push_back("no generating parameters: MTT files hold none");
+    else if (!database.empty() && !config.empty())
     {
         slm->SetParameterXml(ReadText(database, "MaterialDatabaseXml"));
         ReadText(config, "ConfigXml"); // said here, before the writer's parser says it
@@ -210,7 +228,12 @@ void Prepare(WriterSetup& setup)
 
 void Describe(const std::string& path, short code, FileReport& report)
 {
-    M2DSliceIO_slm reader(false);
+    std::unique_ptr<M2DSliceIO_sectioned> io;
+    if (code == 51)
+        io = std::make_unique<M2DSliceIO_mtt>(false);
+    else
+        io = std::make_unique<M2DSliceIO_slm>(false);
+    M2DSliceIO_sectioned& reader = *io;
     if (code == 48)
         report.Rows.emplace_back("decoded in", "repair mode: zero bits after the coded stream, sections 41 and 44 "
                                                "with their fixed size again");
@@ -232,8 +255,9 @@ void Describe(const std::string& path, short code, FileReport& report)
     if (info.count("Layer Z Unit") && info.at("Layer Z Unit") != std::to_string(MUnit::GetIE()))
         report.Warnings.push_back(fmt::format("z unit {} differs from this library's {}: heights read as if it were {}",
                                               info.at("Layer Z Unit"), MUnit::GetIE(), MUnit::GetIE()));
-    if (!reader.GetFileGuid().empty())
-        report.Rows.emplace_back("GUID", StringConversion::NativeToUtf8(reader.GetFileGuid()));
+    const auto* slm = dynamic_cast<const M2DSliceIO_slm*>(&reader);
+    if (slm && !slm->GetFileGuid().empty())
+        report.Rows.emplace_back("GUID", StringConversion::NativeToUtf8(slm->GetFileGuid()));
     for (const auto& [id, model] : reader.GetModelTable())
     {
         std::string styles;
@@ -241,8 +265,9 @@ void Describe(const std::string& path, short code, FileReport& report)
         {
             std::wstring name = style->BuildStyleName;
             name = name.substr(0, name.find(L'\0'));
-            styles += fmt::format("{}{} {} ({} mm/s, {} W)", styles.empty() ? "" : "; ", styleId,
-                                  StringConversion::NativeToUtf8(name), style->LaserSpeed, style->LaserPower);
+            styles += fmt::format("{}{}{}{} ({} mm/s, {} W)", styles.empty() ? "" : "; ", styleId,
+                                  name.empty() ? "" : " ", StringConversion::NativeToUtf8(name), style->LaserSpeed,
+                                  style->LaserPower);
         }
         report.Rows.emplace_back(fmt::format("model {}", id),
                                  fmt::format("\"{}\", top slice {}, styles: {}", model->ModelName, model->ModelTopSlice,
