@@ -8,6 +8,7 @@
 
 #include "formats/sectioned/ArithmeticCoder.h"
 #include "formats/sectioned/M2DSliceIOCompressor.h"
+#include "tests/kit/BuildGenerator.h"
 
 using namespace slmtest;
 using namespace Sectioned;
@@ -268,10 +269,14 @@ std::string GridBuild(const ts::ScratchDir& dir, const std::string& name, unsign
         io.SetParameterXml(database);
         io.SetConfigXml(dir.File("config.xml"));
     });
-    // One creation time for every run, so that the coded bits are the same each time.
+    // One creation time for every run, and its checksum, so that the coded bits are the same
+    // each time.
     const std::size_t time = file.find(std::string("\x20\x2F\x14", 3));
     if (time != std::string::npos)
         file.replace(time + 3, 19, "2000-01-01 00:00:00");
+    Bytes crc;
+    crc.u32(Crc(file, file.size() - 4));
+    file.replace(file.size() - 4, 4, crc.s);
     ts::WriteFile(dir.File(name), file);
     return file;
 }
@@ -472,4 +477,66 @@ TEST(CompressionTest, CompressorAcceptsAnEmptyPolygonTheDecompressorRefuses)
     std::string reason;
     Decompressed(dir.File("coded.slm"), dir.File("o.slm"), true, &reason);
     EXPECT_NE(reason.find("polygon coordinates of 0 bytes"), std::string::npos) << reason;
+}
+
+namespace {
+
+// FNV-1a of a byte string.
+std::uint64_t Fnv(const std::string& bytes, std::uint64_t h = 14695981039346656037ull)
+{
+    for (unsigned char c : bytes)
+        h = (h ^ c) * 1099511628211ull;
+    return h;
+}
+
+// A generated build as a plain file with its creation time fixed: many layers, contours and
+// hatches off the grid, negative coordinates.
+std::string GeneratedPlain(const ts::ScratchDir& dir, const std::string& name)
+{
+    BuildShape shape = BuildShape::Rich(12, 3);
+    shape.VectorsPerLayer = 3000;
+    BuildGenerator build(shape);
+    std::vector<Style> styles(4);
+    for (std::int32_t id = 0; id < 4; ++id)
+        styles[static_cast<std::size_t>(id)].Id = id;
+    std::string file = WriteSlm({&build}, dir.File(name), [&](M2DSliceIO_slm& io) {
+        PersistentProperties defaults;
+        DescribePart(defaults, 1, L"", styles);
+        io.SetSourceDefaults(defaults);
+    });
+    const std::size_t time = file.find(std::string("\x20\x2F\x14", 3));
+    if (time != std::string::npos)
+        file.replace(time + 3, 19, "2000-01-01 00:00:00");
+    Bytes crc;
+    crc.u32(Crc(file, file.size() - 4));
+    file.replace(file.size() - 4, 4, crc.s);
+    ts::WriteFile(dir.File(name), file);
+    return file;
+}
+
+} // namespace
+
+// A regression pin, in addition to the bytes worked out by hand in CompressionBitsTest: the
+// hashes of compressed files recorded once from the coder as it stood before its speed work,
+// so that any change of the coded bits on larger files shows.
+TEST(CompressionTest, CodedBytesOfLargerBuildsStayTheSame)
+{
+    ts::ScratchDir dir;
+    std::uint64_t grid = 14695981039346656037ull;
+    std::size_t gridBytes = 0;
+    for (unsigned seed = 1; seed <= 40; ++seed)
+    {
+        GridBuild(dir, "plain.slm", seed);
+        const std::string coded = Compressed(dir.File("plain.slm"), dir.File("coded.slm"));
+        grid = Fnv(coded, grid);
+        gridBytes += coded.size();
+    }
+    const std::string plain = GeneratedPlain(dir, "generated.slm");
+    ASSERT_FALSE(plain.empty());
+    const std::string coded = Compressed(dir.File("generated.slm"), dir.File("generated.slm48"));
+    EXPECT_EQ(gridBytes, 55524u);
+    EXPECT_EQ(grid, 0x4fee45e0e1bed114u);
+    EXPECT_EQ(plain.size(), 576656u);
+    EXPECT_EQ(coded.size(), 163301u);
+    EXPECT_EQ(Fnv(coded), 0x8a69bd4b19381859u);
 }
