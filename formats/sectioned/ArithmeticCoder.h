@@ -160,6 +160,7 @@ private:
     unsigned _Descend(std::uint32_t value, std::uint32_t& below) const
     {
         const std::uint32_t* tree = _tree.data();
+        const std::uint32_t start = value;
         std::size_t at = 0;
         // The last place holds every count, A's included, which is more than any value: the
         // descent starts below it and stays inside the tree.
@@ -170,9 +171,9 @@ private:
             {
                 at = next;
                 value -= tree[next];
-                below += tree[next];
             }
         }
+        below = start - value;
         return static_cast<unsigned>(at);
     }
 

@@ -76,14 +76,14 @@ struct StreamWriter
             ++n;
         EXPECT_TRUE(models.IdLength.Encode(*coder, n));
         for (unsigned i = 0; i < n; ++i)
-            EXPECT_TRUE(models.IdBytes[i]->Encode(*coder, (id >> (8 * i)) & 0xFF));
+            EXPECT_TRUE(models.IdBytes[i].Encode(*coder, (id >> (8 * i)) & 0xFF));
         const std::uint64_t v = 2 * size + (fixed ? 1 : 0);
         n = 0;
         for (std::uint64_t w = v; w; w >>= 8)
             ++n;
         EXPECT_TRUE(models.SizeLength.Encode(*coder, n));
         for (unsigned i = 0; i < n; ++i)
-            EXPECT_TRUE(models.SizeBytes[i]->Encode(*coder, (v >> (8 * i)) & 0xFF));
+            EXPECT_TRUE(models.SizeBytes[i].Encode(*coder, (v >> (8 * i)) & 0xFF));
     }
     void Finish()
     {
