@@ -157,23 +157,28 @@ public:
 
 private:
     // The largest place whose prefix sum is at most value, with that prefix sum.
-    unsigned _Descend(std::uint32_t value, std::uint32_t& below) const
+    unsigned _Descend(std::uint32_t value, std::uint32_t& below) const { return _Descend(value, 1, below); }
+    // The same for the value offset / step, without dividing: a prefix sum is at most the
+    // value exactly when step times it is at most the offset.
+    unsigned _Descend(std::uint32_t offset, std::uint32_t step, std::uint32_t& below) const
     {
         const std::uint32_t* tree = _tree.data();
-        const std::uint32_t start = value;
         std::size_t at = 0;
+        std::uint32_t sum = 0;
         // The last place holds every count, A's included, which is more than any value: the
         // descent starts below it and stays inside the tree.
         for (std::size_t bit = _topBit >> 1; bit > 0; bit >>= 1)
         {
             const std::size_t next = at + bit;
-            if (tree[next] <= value)
+            const std::uint32_t scaled = tree[next] * step;
+            if (scaled <= offset)
             {
                 at = next;
-                value -= tree[next];
+                offset -= scaled;
+                sum += tree[next];
             }
         }
-        below = start - value;
+        below = sum;
         return static_cast<unsigned>(at);
     }
 
@@ -258,6 +263,16 @@ public:
     // The value in [0, total) of the next symbol; false when the code lies outside the range.
     bool Target(std::uint32_t total, std::uint32_t& value)
     {
+        std::uint32_t offset = 0;
+        if (!Start(total, offset))
+            return false;
+        value = offset / _step;
+        return true;
+    }
+    // Target without its division: the code's offset from low, and the step of this total
+    // (the value is offset / step). False when the code lies outside the range.
+    bool Start(std::uint32_t total, std::uint32_t& offset)
+    {
         if (!_started)
         {
             _code = _in.GetBits(31);
@@ -268,11 +283,11 @@ public:
         if (total == 0 || _code < _low || _code > _high)
             return false;
         _step = (_high - _low + 1) / total;
-        if (_step == 0)
-            return false;
-        value = (_code - _low) / _step;
-        return value < total;
+        offset = _code - _low;
+        // step x total is at most the range, so no product below overflows.
+        return _step != 0 && offset < _step * total;
     }
+    std::uint32_t Step() const { return _step; }
     // Takes the symbol's range [a, b) of the total given to Target.
     void Apply(std::uint32_t a, std::uint32_t b)
     {
@@ -323,11 +338,11 @@ inline bool ModelOrder2::EncodeSymbol(M2DArithmeticEncoder& coder, unsigned symb
 
 inline bool ModelOrder2::Decode(M2DArithmeticDecoder& coder, unsigned& symbol)
 {
-    std::uint32_t value = 0;
-    if (_total >= kMaxModelTotal || !coder.Target(_total, value))
+    std::uint32_t offset = 0;
+    if (_total >= kMaxModelTotal || !coder.Start(_total, offset))
         return false;
     std::uint32_t a = 0;
-    symbol = _Descend(value, a);
+    symbol = _Descend(offset, coder.Step(), a);
     if (symbol >= _alphabet)
         return false;
     coder.Apply(a, a + _counts[symbol]);
