@@ -204,6 +204,97 @@ TEST(ArithmeticCoderTest, EncoderAndDecoderAreInverseOnRandomStreams)
     }
 }
 
+TEST(ArithmeticCoderTest, ModelsKeepExactCumulativeCounts)
+{
+    // Against plain sums after every update, for each alphabet size the format uses.
+    std::mt19937 random(7);
+    for (unsigned alphabet : {6u, 10u, 21u, 257u, 2u, 31u, 33u})
+    {
+        ModelOrder2 model(alphabet);
+        std::vector<std::uint32_t> counts(alphabet + 1, 1);
+        for (int step = 0; step < 3000; ++step)
+        {
+            const unsigned s = random() % 3 == 0 ? random() % alphabet : (random() % 4) % alphabet;
+            model.Update(s);
+            ++counts[s];
+            std::uint32_t below = 0;
+            for (unsigned k = 0; k <= alphabet; ++k)
+            {
+                ASSERT_EQ(model.Cumulative(k), below) << alphabet << " " << k;
+                ASSERT_EQ(model.Count(k), counts[k]);
+                below += counts[k];
+            }
+            ASSERT_EQ(model.Total(), below - counts[alphabet]); // the last symbol takes no space
+            const std::uint32_t value = random() % model.Total();
+            const unsigned found = model.Find(value);
+            ASSERT_LT(found, alphabet);
+            EXPECT_LE(model.Cumulative(found), value);
+            EXPECT_GT(model.Cumulative(found) + model.Count(found), value);
+        }
+    }
+}
+
+TEST(ArithmeticCoderTest, LongStreamsAndTheTargetPathDecodeAlike)
+{
+    // A few models taken through a million symbols, so that totals grow large and pending
+    // runs get long (symbol 1 of 3 straddles the middle); decoded once through the models and
+    // once through Target and Apply with plain sums.
+    ts::ScratchDir dir;
+    std::mt19937 random(99);
+    std::vector<std::pair<int, unsigned>> stream;
+    const unsigned alphabets[] = {3, 257, 21};
+    for (int i = 0; i < 1000000; ++i)
+    {
+        const int m = i % 1000 < 900 ? 0 : static_cast<int>(1 + random() % 2);
+        const unsigned a = alphabets[m];
+        stream.emplace_back(m, m == 0 ? (random() % 16 == 0 ? random() % 3 : 1) : random() % a);
+    }
+    {
+        MFile file;
+        file.OPEN_WRITE(dir.WFile("long").c_str());
+        M2DBitOutStream bits(file);
+        M2DArithmeticEncoder coder(bits);
+        std::vector<ModelOrder2> m(std::begin(alphabets), std::end(alphabets));
+        for (const auto& [k, s] : stream)
+            ASSERT_TRUE(m[static_cast<std::size_t>(k)].Encode(coder, s));
+        coder.Finish();
+        ASSERT_TRUE(bits.Flush());
+        EXPECT_EQ(bits.BitsWritten() % 8, 0u);
+        file.CLOSE();
+    }
+    for (bool throughTarget : {false, true})
+    {
+        MFile file;
+        file.OPEN_READ(dir.WFile("long").c_str());
+        M2DBitInStream bits(file, file.GET_SIZE());
+        M2DArithmeticDecoder coder(bits);
+        std::vector<ModelOrder2> m(std::begin(alphabets), std::end(alphabets));
+        std::vector<std::vector<std::uint32_t>> counts;
+        for (unsigned a : alphabets)
+            counts.emplace_back(a + 1, 1);
+        for (std::size_t i = 0; i < stream.size(); ++i)
+        {
+            const auto k = static_cast<std::size_t>(stream[i].first);
+            unsigned s = 0;
+            if (!throughTarget)
+                ASSERT_TRUE(m[k].Decode(coder, s)) << i;
+            else
+            {
+                std::uint32_t total = 0, value = 0;
+                for (std::size_t j = 0; j + 1 < counts[k].size(); ++j)
+                    total += counts[k][j];
+                ASSERT_TRUE(coder.Target(total, value)) << i;
+                std::uint32_t below = 0;
+                while (below + counts[k][s] <= value)
+                    below += counts[k][s++];
+                coder.Apply(below, below + counts[k][s]);
+                ++counts[k][s];
+            }
+            ASSERT_EQ(s, stream[i].second) << i;
+        }
+    }
+}
+
 TEST(CompressionTest, QuantisingTruncatesNegativeValues)
 {
     std::int64_t q = 0;
