@@ -73,10 +73,13 @@ ModelOrder2::ModelOrder2(unsigned alphabet) : _alphabet(alphabet), _total(alphab
 {
     // Places 1 .. A + 1 hold the counts of 0 .. A; the tree spans the next power of two.
     while (_topBit < alphabet + 1u)
+    {
         _topBit *= 2;
-    _tree.assign(_topBit + 1, 0);
+        ++_levels;
+    }
+    _tree.assign(_topBit + 2, 0);
     for (unsigned s = 0; s <= alphabet; ++s)
-        for (std::size_t i = s + 1; i < _tree.size(); i += i & (0 - i))
+        for (std::size_t i = s + 1; i <= _topBit; i += i & (0 - i))
             _tree[i] += 1;
 }
 

@@ -79,12 +79,12 @@ class SLICEIO_API M2DBitInStream
 public:
     M2DBitInStream(MFile& file, std::int64_t end) : _file(file), _end(end) {}
     unsigned Get() { return GetBits(1); }
-    // The next n bits (n from 1 to 32), the first in the highest place.
+    // The next n bits (n from 0 to 31), the first in the highest place.
     std::uint32_t GetBits(unsigned n)
     {
         if (_count < n)
             _Refill();
-        const auto bits = static_cast<std::uint32_t>(_window >> (64 - n));
+        const auto bits = static_cast<std::uint32_t>((_window >> 1) >> (63 - n));
         _window <<= n;
         _count -= n;
         return bits;
@@ -126,9 +126,16 @@ public:
     // Count of the symbols below s.
     std::uint32_t Cumulative(unsigned s) const
     {
+        // A fixed number of steps, so that no branch depends on the symbol: once the place
+        // reaches 0, whose sum is 0, it stays there.
+        const std::uint32_t* tree = _tree.data();
         std::uint32_t sum = 0;
-        for (std::size_t i = s; i > 0; i &= i - 1)
-            sum += _tree[i];
+        std::size_t i = s;
+        for (unsigned k = 0; k < _levels; ++k)
+        {
+            sum += tree[i];
+            i &= i - 1;
+        }
         return sum;
     }
     std::uint32_t Count(unsigned s) const { return _counts[s]; }
@@ -142,9 +149,15 @@ public:
     {
         ++_counts[s];
         ++_total;
-        const std::size_t size = _tree.size();
-        for (std::size_t i = s + 1; i < size; i += i & (0 - i))
-            ++_tree[i];
+        // A fixed number of steps as well: places past the tree go to a sink that is never read.
+        std::uint32_t* tree = _tree.data();
+        const std::size_t sink = _topBit + 1;
+        std::size_t i = s + 1;
+        for (unsigned k = 0; k < _levels; ++k)
+        {
+            ++tree[i <= _topBit ? i : sink];
+            i += i & (0 - i);
+        }
     }
 
     virtual bool Encode(M2DArithmeticEncoder& coder, unsigned symbol);
@@ -185,8 +198,10 @@ private:
     unsigned _alphabet;
     std::uint32_t _total;
     std::vector<std::uint32_t> _counts; // 0 .. A
-    std::vector<std::uint32_t> _tree;   // Fenwick tree over the counts, 1-based, power-of-two places
+    std::vector<std::uint32_t> _tree;   // Fenwick tree over the counts, 1-based, power-of-two places, and a sink
     std::size_t _topBit = 1;
+    unsigned _levels = 1;               // bits of a place
+
 };
 
 namespace detail {
@@ -223,31 +238,27 @@ private:
         // Every leading bit low and high share is decided: out with it, the first one followed
         // by the pending bits of the other value.
         const unsigned same = std::min(LeadingZeros((_low ^ _high) << 1), 31u);
-        if (same > 0)
+        if (_pending == 0)
+            _out.PutBits(_low >> (31 - same), same); // nothing when same is 0
+        else if (same > 0)
         {
             const std::uint32_t bits = _low >> (31 - same);
             const unsigned first = bits >> (same - 1);
             _out.PutBits(first, 1);
-            if (_pending > 0)
-            {
-                _out.PutRepeated(first ^ 1u, _pending);
-                _pending = 0;
-            }
-            if (same > 1)
-                _out.PutBits(bits & ((1u << (same - 1)) - 1), same - 1);
-            _low = (_low << same) & kMask;
-            _high = ((_high << same) | ((1u << same) - 1)) & kMask;
+            _out.PutRepeated(first ^ 1u, _pending);
+            _pending = 0;
+            _out.PutBits(bits & ((1u << (same - 1)) - 1), same - 1);
         }
+        // Shifts by 0 leave both as they are: no branch on the count.
+        _low = (_low << same) & kMask;
+        _high = ((_high << same) | ((1u << same) - 1)) & kMask;
         // Now low is below the half and high at least there. While low is at least a quarter
         // and high below three quarters, the next bit is pending: each such step drops the
         // second bit of both.
         const unsigned straddle = LeadingZeros(~((_low & ~_high) << 2));
-        if (straddle > 0)
-        {
-            _pending += straddle;
-            _low = (_low << straddle) & (kHalf - 1);
-            _high = (((_high << straddle) | ((1u << straddle) - 1)) & (kHalf - 1)) | kHalf;
-        }
+        _pending += straddle;
+        _low = (_low << straddle) & (kHalf - 1);
+        _high = (((_high << straddle) | ((1u << straddle) - 1)) & (kHalf - 1)) | kHalf;
     }
 
     M2DBitOutStream& _out;
@@ -299,22 +310,17 @@ private:
     void _Normalise()
     {
         using namespace detail;
-        // The same steps as the encoder's, with the code shifted alongside and fed new bits.
+        // The same steps as the encoder's, with the code shifted alongside and fed new bits;
+        // without branches, as shifts by 0 change nothing.
         const unsigned same = std::min(LeadingZeros((_low ^ _high) << 1), 31u);
-        if (same > 0)
-        {
-            _low = (_low << same) & kMask;
-            _high = ((_high << same) | ((1u << same) - 1)) & kMask;
-            _code = ((_code << same) | _in.GetBits(same)) & kMask;
-        }
+        _low = (_low << same) & kMask;
+        _high = ((_high << same) | ((1u << same) - 1)) & kMask;
+        _code = ((_code << same) | _in.GetBits(same)) & kMask;
         const unsigned straddle = LeadingZeros(~((_low & ~_high) << 2));
-        if (straddle > 0)
-        {
-            _low = (_low << straddle) & (kHalf - 1);
-            _high = (((_high << straddle) | ((1u << straddle) - 1)) & (kHalf - 1)) | kHalf;
-            // Each step takes away the code's second bit and keeps its first.
-            _code = (_code & kHalf) | (((_code << straddle) | _in.GetBits(straddle)) & (kHalf - 1));
-        }
+        _low = (_low << straddle) & (kHalf - 1);
+        _high = (((_high << straddle) | ((1u << straddle) - 1)) & (kHalf - 1)) | kHalf;
+        // Each step takes away the code's second bit and keeps its first.
+        _code = (_code & kHalf) | (((_code << straddle) | _in.GetBits(straddle)) & (kHalf - 1));
     }
 
     M2DBitInStream& _in;

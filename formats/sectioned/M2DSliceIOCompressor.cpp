@@ -430,10 +430,7 @@ bool M2DSliceIODecompressor::_ReadContainerHead()
     return _in.SEEK(headEnd, 0) || _Fail("container head cut short");
 }
 
-bool M2DSliceIODecompressor::_Symbol(ModelOrder2& model, unsigned& symbol)
-{
-    return model.Decode(*_coder, symbol) || _Fail("the coded stream holds no valid symbol here");
-}
+bool M2DSliceIODecompressor::_BadSymbol() { return _Fail("the coded stream holds no valid symbol here"); }
 
 bool M2DSliceIODecompressor::_Emit(const void* data, std::size_t n)
 {

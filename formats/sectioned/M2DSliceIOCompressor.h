@@ -121,7 +121,8 @@ public:
 private:
     bool _Fail(const std::string& reason);
     bool _ReadContainerHead();
-    bool _Symbol(ModelOrder2& model, unsigned& symbol);
+    bool _Symbol(ModelOrder2& model, unsigned& symbol) { return model.Decode(*_coder, symbol) || _BadSymbol(); }
+    bool _BadSymbol();
     bool _Head(std::int64_t& id, std::int64_t& size, bool& fixed);
     bool _WriteHead(std::int64_t id, std::int64_t size, bool fixed);
     bool _Integer(IntegerModels& set, std::int64_t& value);
