@@ -176,7 +176,7 @@ private:
 // The first five symbols worked through (low, high in hex; p is a pending bit):
 //   op 0 of 10: step 2^31 / 10 = 214748364, [0, 1): high = 214748363 = 0CCCCCCB; high is
 //     below the half three times: "000", low 0, high 6666665F.
-//   id length 1 of 6: step 6666665F + 1 / 6 = 286331152, [1, 2): low 11111110, high
+//   id length 1 of 6: step (6666665F + 1) / 6 = 286331152, [1, 2): low 11111110, high
 //     2222221F; "0", then low is at least a quarter and high below three quarters: p;
 //     low 04444440, high 4888887F.
 //   id byte 1 of 257: step 4456515, [1, 2): low 04884483, high 04CC44C5; "0" and the
