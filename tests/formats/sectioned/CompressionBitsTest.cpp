@@ -298,3 +298,39 @@ TEST(CompressionBitsTest, CoderGivesTheReferenceBitsOnRandomStreams)
         ASSERT_TRUE(kit::SameBytes(reference.Finish(), ts::ReadFile(dir.File("r")))) << "round " << round;
     }
 }
+
+TEST(CompressionBitsTest, DamagedSmallFilesEndWithoutHarm)
+{
+    // Every truncation of the small compressed file, decoded literally and in repair mode, and
+    // every byte of it changed: a clean true or false, never more output than allowed.
+    ts::ScratchDir dir;
+    const std::string coded = Coded(dir, SmallPlainFile());
+    auto decode = [&](const std::string& bytes, bool repair) {
+        ts::WriteFile(dir.File("damaged.slm"), bytes);
+        MFile in, out;
+        in.OPEN_READ(dir.WFile("damaged.slm").c_str());
+        out.OPEN_WRITE(dir.WFile("out.slm").c_str());
+        M2DSliceIODecompressor decompressor(in, out);
+        decompressor.SetRepair(repair);
+        decompressor.SetMaxOutput(4096);
+        const bool ok = decompressor.Decompress();
+        out.CLOSE();
+        EXPECT_TRUE(ok || !decompressor.GetFailureReason().empty());
+        EXPECT_LE(ts::ReadFile(dir.File("out.slm")).size(), 4096u);
+        return ok;
+    };
+    int refused = 0;
+    for (bool repair : {false, true})
+        for (std::size_t n = 0; n < coded.size(); ++n)
+            refused += !decode(coded.substr(0, n), repair);
+    for (std::size_t i = 0; i < coded.size(); ++i)
+        for (unsigned char mask : {0x01, 0xFF})
+        {
+            if (mask == 0x01 && i < kCompressedHeadSize)
+                continue; // the head's bytes once is enough
+            std::string bytes = coded;
+            bytes[i] = static_cast<char>(bytes[i] ^ mask);
+            refused += !decode(bytes, true);
+        }
+    EXPECT_GT(refused, 0);
+}
