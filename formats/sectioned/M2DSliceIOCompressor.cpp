@@ -117,13 +117,8 @@ std::string ContainerHead()
 } // namespace
 
 CompressionModels::CompressionModels()
+    : IdBytes(4, ModelOrder2(257)), SizeBytes(8, ModelOrder2(257)), FloatBytes(12, ModelOrder2(257))
 {
-    for (int i = 0; i < 4; ++i)
-        IdBytes.push_back(std::make_unique<ModelOrder2>(257));
-    for (int i = 0; i < 8; ++i)
-        SizeBytes.push_back(std::make_unique<ModelOrder2>(257));
-    for (int i = 0; i < 12; ++i)
-        FloatBytes.push_back(std::make_unique<ModelOrder2>(257));
 }
 
 ModelOrder2& CompressionModels::ForField(std::int64_t id)
@@ -163,7 +158,7 @@ bool M2DSliceIOCompressor::_Fail(const std::string& reason)
 bool M2DSliceIOCompressor::_BytesWith(ModelOrder2& model, const unsigned char* data, std::size_t n)
 {
     for (std::size_t i = 0; i < n; ++i)
-        if (!model.Encode(*_coder, data[i]))
+        if (!model.EncodeSymbol(*_coder, data[i]))
             return _Fail("a model outgrew the coder");
     return true;
 }
@@ -176,12 +171,12 @@ bool M2DSliceIOCompressor::_Head(std::int64_t id, std::int64_t size, bool fixed)
         return _Fail(fmt::format("section id {} has more than four bytes", id));
     const std::uint64_t v = 2 * static_cast<std::uint64_t>(size) + (fixed ? 1 : 0);
     const int sizeBytes = ByteCount(v);
-    bool ok = _models.IdLength.Encode(*_coder, static_cast<unsigned>(idBytes));
+    bool ok = _models.IdLength.EncodeSymbol(*_coder, static_cast<unsigned>(idBytes));
     for (int i = 0; ok && i < idBytes; ++i)
-        ok = _models.IdBytes[static_cast<std::size_t>(i)]->Encode(*_coder, (uid >> (8 * i)) & 0xFF);
-    ok = ok && _models.SizeLength.Encode(*_coder, static_cast<unsigned>(sizeBytes));
+        ok = _models.IdBytes[static_cast<std::size_t>(i)].EncodeSymbol(*_coder, (uid >> (8 * i)) & 0xFF);
+    ok = ok && _models.SizeLength.EncodeSymbol(*_coder, static_cast<unsigned>(sizeBytes));
     for (int i = 0; ok && i < sizeBytes; ++i)
-        ok = _models.SizeBytes[static_cast<std::size_t>(i)]->Encode(*_coder, (v >> (8 * i)) & 0xFF);
+        ok = _models.SizeBytes[static_cast<std::size_t>(i)].EncodeSymbol(*_coder, (v >> (8 * i)) & 0xFF);
     return ok || _Fail("a model outgrew the coder");
 }
 
@@ -190,9 +185,9 @@ bool M2DSliceIOCompressor::_Integer(IntegerModels& set, std::int64_t value)
     const std::uint64_t magnitude =
         value < 0 ? static_cast<std::uint64_t>(0) - static_cast<std::uint64_t>(value) : static_cast<std::uint64_t>(value);
     const int n = ByteCount(magnitude);
-    bool ok = set.Length.Encode(*_coder, static_cast<unsigned>(2 * n + (value < 0 ? 1 : 0)));
+    bool ok = set.Length.EncodeSymbol(*_coder, static_cast<unsigned>(2 * n + (value < 0 ? 1 : 0)));
     for (int i = 0; ok && i < n; ++i)
-        ok = set.Bytes[static_cast<std::size_t>(i)]->Encode(*_coder, (magnitude >> (8 * i)) & 0xFF);
+        ok = set.Bytes[static_cast<std::size_t>(i)].EncodeSymbol(*_coder, (magnitude >> (8 * i)) & 0xFF);
     return ok || _Fail("a model outgrew the coder");
 }
 
@@ -210,7 +205,7 @@ bool M2DSliceIOCompressor::_Float(std::int64_t id, const ByteCursor& body)
         return false;
     const std::size_t set = static_cast<std::size_t>(id - Id_LaserSpeed) * 4;
     for (std::size_t i = 0; i < 4; ++i)
-        if (!_models.FloatBytes[set + i]->Encode(*_coder, body.Data()[i]))
+        if (!_models.FloatBytes[set + i].EncodeSymbol(*_coder, body.Data()[i]))
             return _Fail("a model outgrew the coder");
     return true;
 }
@@ -435,10 +430,7 @@ bool M2DSliceIODecompressor::_ReadContainerHead()
     return _in.SEEK(headEnd, 0) || _Fail("container head cut short");
 }
 
-bool M2DSliceIODecompressor::_Symbol(ModelOrder2& model, unsigned& symbol)
-{
-    return model.Decode(*_coder, symbol) || _Fail("the coded stream holds no valid symbol here");
-}
+bool M2DSliceIODecompressor::_BadSymbol() { return _Fail("the coded stream holds no valid symbol here"); }
 
 bool M2DSliceIODecompressor::_Emit(const void* data, std::size_t n)
 {
@@ -458,7 +450,7 @@ bool M2DSliceIODecompressor::_Head(std::int64_t& id, std::int64_t& size, bool& f
     std::uint64_t v = 0;
     for (unsigned i = 0; i < n; ++i)
     {
-        if (!_Symbol(*_models.IdBytes[i], byte) || byte > 255)
+        if (!_Symbol(_models.IdBytes[i], byte) || byte > 255)
             return _Fail("a section id byte out of range");
         v |= static_cast<std::uint64_t>(byte) << (8 * i);
     }
@@ -470,7 +462,7 @@ bool M2DSliceIODecompressor::_Head(std::int64_t& id, std::int64_t& size, bool& f
     v = 0;
     for (unsigned i = 0; i < n; ++i)
     {
-        if (!_Symbol(*_models.SizeBytes[i], byte) || byte > 255)
+        if (!_Symbol(_models.SizeBytes[i], byte) || byte > 255)
             return _Fail("a section size byte out of range");
         v |= static_cast<std::uint64_t>(byte) << (8 * i);
     }
@@ -504,7 +496,7 @@ bool M2DSliceIODecompressor::_Integer(IntegerModels& set, std::int64_t& value)
     std::uint64_t magnitude = 0;
     for (unsigned i = 0; i < s / 2; ++i)
     {
-        if (!_Symbol(*set.Bytes[i], byte) || byte > 255)
+        if (!_Symbol(set.Bytes[i], byte) || byte > 255)
             return _Fail("a coordinate byte out of range");
         magnitude |= static_cast<std::uint64_t>(byte) << (8 * i);
     }
@@ -591,7 +583,7 @@ bool M2DSliceIODecompressor::_Section(int depth, std::int64_t parent, std::uint6
                 {
                     unsigned s = 0;
                     if (op == Op_Float)
-                        model = _models.FloatBytes[static_cast<std::size_t>(id - Id_LaserSpeed) * 4 + done + i].get();
+                        model = &_models.FloatBytes[static_cast<std::size_t>(id - Id_LaserSpeed) * 4 + done + i];
                     if (!_Symbol(*model, s) || s > 255)
                         return _Fail("a byte out of range");
                     chunk[i] = static_cast<unsigned char>(s);

@@ -26,13 +26,8 @@ constexpr double kCoordinateResolution = 0.005; // mm, for polygons and hatches
 // A signed integer: a length model of 2 L + sign and L byte models.
 struct IntegerModels
 {
-    IntegerModels() : Length(21)
-    {
-        for (auto& m : Bytes)
-            m = std::make_unique<ModelOrder2>(257);
-    }
-    ModelOrder2 Length;
-    std::array<std::unique_ptr<ModelOrder2>, 8> Bytes;
+    ModelOrder2 Length{21};
+    std::vector<ModelOrder2> Bytes = std::vector<ModelOrder2>(8, ModelOrder2(257));
 };
 
 // Every model of the compressed stream, in the same state on both sides.
@@ -47,9 +42,9 @@ struct CompressionModels
     ModelOrder2 String{257};
     ModelOrder2 IdLength{6};
     ModelOrder2 SizeLength{10};
-    std::vector<std::unique_ptr<ModelOrder2>> IdBytes;    // 4
-    std::vector<std::unique_ptr<ModelOrder2>> SizeBytes;  // 8
-    std::vector<std::unique_ptr<ModelOrder2>> FloatBytes; // 3 x 4: section 15, 16, 17 by position
+    std::vector<ModelOrder2> IdBytes;    // 4
+    std::vector<ModelOrder2> SizeBytes;  // 8
+    std::vector<ModelOrder2> FloatBytes; // 3 x 4: section 15, 16, 17 by position
     IntegerModels PolygonFirst, PolygonSecond, PolygonRest, HatchFirst, HatchSecond, HatchRest;
 
     // The model of a byte field: sections 25, 26 and 34 have their own.
@@ -83,7 +78,7 @@ public:
 
 private:
     bool _Fail(const std::string& reason);
-    bool _Op(unsigned op) { return _models.Op.Encode(*_coder, op) || _Fail("a model outgrew the coder"); }
+    bool _Op(unsigned op) { return _models.Op.EncodeSymbol(*_coder, op) || _Fail("a model outgrew the coder"); }
     bool _Head(std::int64_t id, std::int64_t size, bool fixed);
     bool _BytesWith(ModelOrder2& model, const unsigned char* data, std::size_t n);
     bool _Integer(IntegerModels& set, std::int64_t value);
@@ -126,7 +121,8 @@ public:
 private:
     bool _Fail(const std::string& reason);
     bool _ReadContainerHead();
-    bool _Symbol(ModelOrder2& model, unsigned& symbol);
+    bool _Symbol(ModelOrder2& model, unsigned& symbol) { return model.Decode(*_coder, symbol) || _BadSymbol(); }
+    bool _BadSymbol();
     bool _Head(std::int64_t& id, std::int64_t& size, bool& fixed);
     bool _WriteHead(std::int64_t id, std::int64_t size, bool fixed);
     bool _Integer(IntegerModels& set, std::int64_t& value);

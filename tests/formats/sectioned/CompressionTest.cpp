@@ -8,6 +8,7 @@
 
 #include "formats/sectioned/ArithmeticCoder.h"
 #include "formats/sectioned/M2DSliceIOCompressor.h"
+#include "tests/kit/BuildGenerator.h"
 
 using namespace slmtest;
 using namespace Sectioned;
@@ -75,14 +76,14 @@ struct StreamWriter
             ++n;
         EXPECT_TRUE(models.IdLength.Encode(*coder, n));
         for (unsigned i = 0; i < n; ++i)
-            EXPECT_TRUE(models.IdBytes[i]->Encode(*coder, (id >> (8 * i)) & 0xFF));
+            EXPECT_TRUE(models.IdBytes[i].Encode(*coder, (id >> (8 * i)) & 0xFF));
         const std::uint64_t v = 2 * size + (fixed ? 1 : 0);
         n = 0;
         for (std::uint64_t w = v; w; w >>= 8)
             ++n;
         EXPECT_TRUE(models.SizeLength.Encode(*coder, n));
         for (unsigned i = 0; i < n; ++i)
-            EXPECT_TRUE(models.SizeBytes[i]->Encode(*coder, (v >> (8 * i)) & 0xFF));
+            EXPECT_TRUE(models.SizeBytes[i].Encode(*coder, (v >> (8 * i)) & 0xFF));
     }
     void Finish()
     {
@@ -203,6 +204,97 @@ TEST(ArithmeticCoderTest, EncoderAndDecoderAreInverseOnRandomStreams)
     }
 }
 
+TEST(ArithmeticCoderTest, ModelsKeepExactCumulativeCounts)
+{
+    // Against plain sums after every update, for each alphabet size the format uses.
+    std::mt19937 random(7);
+    for (unsigned alphabet : {6u, 10u, 21u, 257u, 2u, 31u, 33u})
+    {
+        ModelOrder2 model(alphabet);
+        std::vector<std::uint32_t> counts(alphabet + 1, 1);
+        for (int step = 0; step < 3000; ++step)
+        {
+            const unsigned s = random() % 3 == 0 ? random() % alphabet : (random() % 4) % alphabet;
+            model.Update(s);
+            ++counts[s];
+            std::uint32_t below = 0;
+            for (unsigned k = 0; k <= alphabet; ++k)
+            {
+                ASSERT_EQ(model.Cumulative(k), below) << alphabet << " " << k;
+                ASSERT_EQ(model.Count(k), counts[k]);
+                below += counts[k];
+            }
+            ASSERT_EQ(model.Total(), below - counts[alphabet]); // the last symbol takes no space
+            const std::uint32_t value = random() % model.Total();
+            const unsigned found = model.Find(value);
+            ASSERT_LT(found, alphabet);
+            EXPECT_LE(model.Cumulative(found), value);
+            EXPECT_GT(model.Cumulative(found) + model.Count(found), value);
+        }
+    }
+}
+
+TEST(ArithmeticCoderTest, LongStreamsAndTheTargetPathDecodeAlike)
+{
+    // A few models taken through a million symbols, so that totals grow large and pending
+    // runs get long (symbol 1 of 3 straddles the middle); decoded once through the models and
+    // once through Target and Apply with plain sums.
+    ts::ScratchDir dir;
+    std::mt19937 random(99);
+    std::vector<std::pair<int, unsigned>> stream;
+    const unsigned alphabets[] = {3, 257, 21};
+    for (int i = 0; i < 1000000; ++i)
+    {
+        const int m = i % 1000 < 900 ? 0 : static_cast<int>(1 + random() % 2);
+        const unsigned a = alphabets[m];
+        stream.emplace_back(m, m == 0 ? (random() % 16 == 0 ? random() % 3 : 1) : random() % a);
+    }
+    {
+        MFile file;
+        file.OPEN_WRITE(dir.WFile("long").c_str());
+        M2DBitOutStream bits(file);
+        M2DArithmeticEncoder coder(bits);
+        std::vector<ModelOrder2> m(std::begin(alphabets), std::end(alphabets));
+        for (const auto& [k, s] : stream)
+            ASSERT_TRUE(m[static_cast<std::size_t>(k)].Encode(coder, s));
+        coder.Finish();
+        ASSERT_TRUE(bits.Flush());
+        EXPECT_EQ(bits.BitsWritten() % 8, 0u);
+        file.CLOSE();
+    }
+    for (bool throughTarget : {false, true})
+    {
+        MFile file;
+        file.OPEN_READ(dir.WFile("long").c_str());
+        M2DBitInStream bits(file, file.GET_SIZE());
+        M2DArithmeticDecoder coder(bits);
+        std::vector<ModelOrder2> m(std::begin(alphabets), std::end(alphabets));
+        std::vector<std::vector<std::uint32_t>> counts;
+        for (unsigned a : alphabets)
+            counts.emplace_back(a + 1, 1);
+        for (std::size_t i = 0; i < stream.size(); ++i)
+        {
+            const auto k = static_cast<std::size_t>(stream[i].first);
+            unsigned s = 0;
+            if (!throughTarget)
+                ASSERT_TRUE(m[k].Decode(coder, s)) << i;
+            else
+            {
+                std::uint32_t total = 0, value = 0;
+                for (std::size_t j = 0; j + 1 < counts[k].size(); ++j)
+                    total += counts[k][j];
+                ASSERT_TRUE(coder.Target(total, value)) << i;
+                std::uint32_t below = 0;
+                while (below + counts[k][s] <= value)
+                    below += counts[k][s++];
+                coder.Apply(below, below + counts[k][s]);
+                ++counts[k][s];
+            }
+            ASSERT_EQ(s, stream[i].second) << i;
+        }
+    }
+}
+
 TEST(CompressionTest, QuantisingTruncatesNegativeValues)
 {
     std::int64_t q = 0;
@@ -268,10 +360,14 @@ std::string GridBuild(const ts::ScratchDir& dir, const std::string& name, unsign
         io.SetParameterXml(database);
         io.SetConfigXml(dir.File("config.xml"));
     });
-    // One creation time for every run, so that the coded bits are the same each time.
+    // One creation time for every run, and its checksum, so that the coded bits are the same
+    // each time.
     const std::size_t time = file.find(std::string("\x20\x2F\x14", 3));
     if (time != std::string::npos)
         file.replace(time + 3, 19, "2000-01-01 00:00:00");
+    Bytes crc;
+    crc.u32(Crc(file, file.size() - 4));
+    file.replace(file.size() - 4, 4, crc.s);
     ts::WriteFile(dir.File(name), file);
     return file;
 }
@@ -472,4 +568,66 @@ TEST(CompressionTest, CompressorAcceptsAnEmptyPolygonTheDecompressorRefuses)
     std::string reason;
     Decompressed(dir.File("coded.slm"), dir.File("o.slm"), true, &reason);
     EXPECT_NE(reason.find("polygon coordinates of 0 bytes"), std::string::npos) << reason;
+}
+
+namespace {
+
+// FNV-1a of a byte string.
+std::uint64_t Fnv(const std::string& bytes, std::uint64_t h = 14695981039346656037ull)
+{
+    for (unsigned char c : bytes)
+        h = (h ^ c) * 1099511628211ull;
+    return h;
+}
+
+// A generated build as a plain file with its creation time fixed: many layers, contours and
+// hatches off the grid, negative coordinates.
+std::string GeneratedPlain(const ts::ScratchDir& dir, const std::string& name)
+{
+    BuildShape shape = BuildShape::Rich(12, 3);
+    shape.VectorsPerLayer = 3000;
+    BuildGenerator build(shape);
+    std::vector<Style> styles(4);
+    for (std::int32_t id = 0; id < 4; ++id)
+        styles[static_cast<std::size_t>(id)].Id = id;
+    std::string file = WriteSlm({&build}, dir.File(name), [&](M2DSliceIO_slm& io) {
+        PersistentProperties defaults;
+        DescribePart(defaults, 1, L"", styles);
+        io.SetSourceDefaults(defaults);
+    });
+    const std::size_t time = file.find(std::string("\x20\x2F\x14", 3));
+    if (time != std::string::npos)
+        file.replace(time + 3, 19, "2000-01-01 00:00:00");
+    Bytes crc;
+    crc.u32(Crc(file, file.size() - 4));
+    file.replace(file.size() - 4, 4, crc.s);
+    ts::WriteFile(dir.File(name), file);
+    return file;
+}
+
+} // namespace
+
+// A regression pin, in addition to the bytes worked out by hand in CompressionBitsTest: the
+// hashes of compressed files recorded once from the coder as it stood before its speed work,
+// so that any change of the coded bits on larger files shows.
+TEST(CompressionTest, CodedBytesOfLargerBuildsStayTheSame)
+{
+    ts::ScratchDir dir;
+    std::uint64_t grid = 14695981039346656037ull;
+    std::size_t gridBytes = 0;
+    for (unsigned seed = 1; seed <= 40; ++seed)
+    {
+        GridBuild(dir, "plain.slm", seed);
+        const std::string coded = Compressed(dir.File("plain.slm"), dir.File("coded.slm"));
+        grid = Fnv(coded, grid);
+        gridBytes += coded.size();
+    }
+    const std::string plain = GeneratedPlain(dir, "generated.slm");
+    ASSERT_FALSE(plain.empty());
+    const std::string coded = Compressed(dir.File("generated.slm"), dir.File("generated.slm48"));
+    EXPECT_EQ(gridBytes, 55524u);
+    EXPECT_EQ(grid, 0x4fee45e0e1bed114u);
+    EXPECT_EQ(plain.size(), 576656u);
+    EXPECT_EQ(coded.size(), 163301u);
+    EXPECT_EQ(Fnv(coded), 0x8a69bd4b19381859u);
 }
