@@ -1,15 +1,15 @@
 #include "M2DSliceIO_cli_ascii.h"
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
-#include <fstream>
-#include <iterator>
+#include <cstring>
 #include <sstream>
 
 #include "../../contracts/PersistentProperties.h"
-#include "../../contracts/StringConversion.h"
 #include "../../framework/LocalClock.h"
 #include "CliText.h"
+#include "NumberText.h"
 
 #include <fmt/format.h>
 
@@ -39,6 +39,7 @@ std::string ValueOf(const std::string& piece)
 
 bool M2DSliceIO_cli_ascii::_OpenFile(const std::wstring& /*path*/, MOpenMode /*mode*/)
 {
+    _text.clear();
     _layerTexts.clear();
     _layerTextIndex = 0;
     return true;
@@ -100,10 +101,24 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
     const double c = _GetConversionFactor();
     std::vector<const M2DSlice*> slices;
     _GetSlicesFromItems(items, slices);
-    // Numbers in general form with six significant digits, as a default stream prints them.
-    fmt::memory_buffer out;
-    const auto number = [&](double v) { fmt::format_to(std::back_inserter(out), ",{:g}", v); };
-    fmt::format_to(std::back_inserter(out), "$$LAYER/{:g}\n", z / c);
+    // The layer's text is made in one buffer, with room made once per line, and written in
+    // one go. Numbers in general form with six significant digits, as a default stream
+    // prints them.
+    std::size_t used = 0;
+    const auto room = [&](std::size_t n) {
+        if (_out.size() - used < n)
+            _out.resize(std::max(2 * _out.size(), used + n));
+        return _out.data() + used;
+    };
+    const auto commit = [&](char* end) { used = static_cast<std::size_t>(end - _out.data()); };
+    constexpr std::size_t kNumber = NumberText::kGeneralMax + 1; // with its comma
+    constexpr std::size_t kHead = 64;                            // a line's keyword and counts
+
+    char* p = room(kHead);
+    std::memcpy(p, "$$LAYER/", 8);
+    p = NumberText::FormatGeneral(p + 8, z / c);
+    *p++ = '\n';
+    commit(p);
     int id = _modelStartIndex;
     for (std::size_t i = 0; i < slices.size(); ++i, ++id)
     {
@@ -121,16 +136,19 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
                     continue;
                 const bool closed = contour.GetIsClosed();
                 const std::size_t n = closed ? contour.GetNumPoints() + 1 : contour.GetNumPoints();
-                fmt::format_to(std::back_inserter(out), "$$POLYLINE/{},{},{}", id,
-                               closed ? (contour.GetIsOuterContour() ? 1 : 0) : 2, n);
+                char* q = room(kHead + 2 * kNumber * n);
+                q = fmt::format_to(q, "$$POLYLINE/{},{},{}", id, closed ? (contour.GetIsOuterContour() ? 1 : 0) : 2, n);
                 // The reverse of the contour's order, from the point before the first.
-                const auto* p = contour.GetFirstPoint()->GetPreviousPoint();
-                for (std::size_t j = 0; j < n; ++j, p = p->GetPreviousPoint())
+                const auto* point = contour.GetFirstPoint()->GetPreviousPoint();
+                for (std::size_t j = 0; j < n; ++j, point = point->GetPreviousPoint())
                 {
-                    number(p->x / c);
-                    number(p->y / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, point->x / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, point->y / c);
                 }
-                out.push_back('\n');
+                *q++ = '\n';
+                commit(q);
             }
         };
         const auto hatches = [&] {
@@ -140,15 +158,21 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
                 const M2DSliceVectorBlock& block = *vectors.GetVectorBlock(k);
                 if (block.Vectors.empty())
                     continue;
-                fmt::format_to(std::back_inserter(out), "$$HATCHES/{},{}", id, block.Vectors.size());
+                char* q = room(kHead + 4 * kNumber * block.Vectors.size());
+                q = fmt::format_to(q, "$$HATCHES/{},{}", id, block.Vectors.size());
                 for (const M2DSliceVector& v : block.Vectors)
                 {
-                    number(v.x1 / c);
-                    number(v.y1 / c);
-                    number(v.x2 / c);
-                    number(v.y2 / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, v.x1 / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, v.y1 / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, v.x2 / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, v.y2 / c);
                 }
-                out.push_back('\n');
+                *q++ = '\n';
+                commit(q);
             }
         };
         if (!parameters || parameters->BordersFirst)
@@ -162,7 +186,7 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
             polylines();
         }
     }
-    return _file.WRITE(out.data(), out.size()) == out.size() || _Fail("the layer could not be written");
+    return _file.WRITE(_out.data(), used) == used || _Fail("the layer could not be written");
 }
 
 bool M2DSliceIO_cli_ascii::_WriteFooter(const std::vector<const ISource2DSlices*>& /*sources*/)
@@ -172,24 +196,31 @@ bool M2DSliceIO_cli_ascii::_WriteFooter(const std::vector<const ISource2DSlices*
 
 bool M2DSliceIO_cli_ascii::_ReadHeader(ITarget2DSlices* target)
 {
-    std::ifstream stream(StringConversion::NativeToUtf8(_file.GET_PATH()), std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    _text.clear();
     _layerTexts.clear();
-    static const std::string marker = "$$LAYER/";
+    const std::int64_t size = _file.GET_SIZE();
+    if (size > 0)
+    {
+        _text.resize(static_cast<std::size_t>(size));
+        _file.SEEK(0, 0);
+        _text.resize(_file.ReadBytes(&_text[0], _text.size()));
+    }
+    const std::string_view text(_text);
+    static constexpr std::string_view marker = "$$LAYER/";
     std::size_t start = 0;
-    for (std::size_t end; (end = text.find(marker, start)) != std::string::npos; start = end + marker.size())
-        _layerTexts.emplace_back(text, start, end - start);
-    _layerTexts.emplace_back(text, start);
+    for (std::size_t end; (end = text.find(marker, start)) != std::string_view::npos; start = end + marker.size())
+        _layerTexts.push_back(text.substr(start, end - start));
+    _layerTexts.push_back(text.substr(start));
     _layerTextIndex = 1;
     _properties.NumLayers = _layerTexts.size() - 1;
 
     // The first piece cut at every "$$"; the piece before the first "$$" is skipped.
     std::vector<std::string> pieces, values;
-    const std::string& head = _layerTexts[0];
-    for (std::size_t at = head.find("$$"); at != std::string::npos;)
+    const std::string_view head = _layerTexts[0];
+    for (std::size_t at = head.find("$$"); at != std::string_view::npos;)
     {
         const std::size_t next = head.find("$$", at + 2);
-        pieces.emplace_back(head, at + 2, next == std::string::npos ? std::string::npos : next - at - 2);
+        pieces.emplace_back(head.substr(at + 2, next == std::string_view::npos ? std::string_view::npos : next - at - 2));
         at = next;
     }
     bool start_ = false, end_ = false, ascii = false, unitsSeen = false, versionSeen = false, dimension = false,

@@ -1,6 +1,7 @@
 #pragma once
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "../../framework/Export.h"
@@ -43,7 +44,9 @@ protected:
 private:
     bool _FetchLayer(ILayerInput& input);
 
-    std::vector<std::string> _layerTexts;
+    std::string _text;                        // the whole file, read with the header
+    std::vector<std::string_view> _layerTexts; // in _text: the header, then the text behind each "$$LAYER/"
+    std::vector<char> _out;                    // the text of a layer being written
     std::uint64_t _layerTextIndex = 0;
     int _modelStartIndex = 1;
 };

@@ -86,6 +86,16 @@ protected:
     bool _ReadFooter(ITarget2DSlices* /*target*/) override { return true; }
 
 private:
+    // Output buffer: the bytes from file offset _outStart on, not yet written.
+    static constexpr std::size_t kFlushSize = 1 << 20;
+    std::int64_t _Tell() const { return _outStart + static_cast<std::int64_t>(_outUsed); }
+    void _Put(const void* bytes, std::size_t n);
+    template <class T>
+    void _PutLE(T value);
+    template <class T>
+    void _PatchLE(std::int64_t offset, T value);
+    void _Flush();
+
     // Words.
     void _WriteDataA(const std::string& text);
     void _WriteText(const std::string& text, std::size_t size); // cut or padded with zeros
@@ -119,6 +129,9 @@ private:
 
     std::vector<std::wstring> _partNames;
     std::vector<ManufacturingData> _manufacturingData;
+    std::vector<unsigned char> _out;
+    std::size_t _outUsed = 0;
+    std::int64_t _outStart = 0;
     std::uint32_t _recordBlocks = 0;
     std::uint32_t _totalBlocks = 0;
     std::uint32_t _recordCount = 0;

@@ -2,12 +2,17 @@
 // callers meet (a resolution of 6 read two ways, an empty layer counted but not written).
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <limits>
 #include <sstream>
 
 #include "BuildGenerator.h"
 #include "FormatTestKit.h"
 #include "formats/cli/M2DSliceIO_cli_ascii.h"
+#include "formats/cli/NumberText.h"
 #include "framework/LocalClock.h"
 #include "framework/M2DSliceContainerIO.h"
 #include "framework/M2DSliceIOFactory.h"
@@ -201,4 +206,59 @@ TEST(M2DSliceIO_cli_ascii, RoundTripsAndItsQuirksStay)
     const std::string bytes = ReadFile(dir.File("r.cli"));
     kit::SweepTruncations(56, bytes, options);
     kit::SweepCorruptions(56, bytes, options);
+}
+
+// The fast general form gives printf's "%g" text for every value: quotients of coordinates by
+// the usual steps, values at the edges of the fixed form, near powers of ten and rounding
+// ties, and raw bit patterns over the whole range.
+TEST(NumberText, FormatsAsPrintfGeneral)
+{
+    std::size_t checked = 0, wrong = 0;
+    const auto check = [&](double value) {
+        char expected[64], got[NumberText::kGeneralMax + 1] = {};
+        std::snprintf(expected, sizeof expected, "%g", value);
+        *NumberText::FormatGeneral(got, value) = '\0';
+        ++checked;
+        if (std::strcmp(expected, got) != 0 && ++wrong <= 10)
+            ADD_FAILURE() << "value " << std::hexfloat << value << ": \"" << got << "\" not \"" << expected << "\"";
+    };
+    for (double v : {0.0, -0.0, 1.0, -1.0, 0.5, 1e-4, 1e-5, 9.99999e-5, 0.0001000005, 999999.0, 999999.4, 999999.5,
+                     999999.6, 1e6, 123456.5, 12345.65, 0.1234565, 2.5, 100000.0, 99999.95, 0.00099999995,
+                     std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+                     std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::denorm_min(),
+                     std::numeric_limits<double>::max()})
+        check(v);
+    for (int e = -6; e <= 7; ++e)
+    {
+        const double p = std::pow(10.0, e);
+        double below = p, above = p;
+        for (int k = 0; k < 50; ++k)
+        {
+            check(below = std::nextafter(below, 0.0));
+            check(above = std::nextafter(above, 1e300));
+            check(-above);
+            check(p * (1 - 5e-7) + k * p * 1e-9); // around the rounding of the sixth digit
+        }
+    }
+    std::uint64_t seed = 12345;
+    const auto next = [&seed] {
+        seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+        return seed;
+    };
+    const double steps[] = {1.0, 10.0, 10000.0 / 7, 10000.0 / 6, 10000.0 / 3, 100.0, 0.1, 10000.0 / 254};
+    for (int i = 0; i < 400000; ++i)
+    {
+        const std::uint64_t r = next();
+        const int x = static_cast<int>(r >> 32) >> static_cast<int>(r % 31);
+        check(x / steps[i % 8]);
+        // Halves and other short fractions, where the sixth digit can sit on a tie.
+        check(static_cast<double>(static_cast<int>(r >> 40) % 2000000) / (i % 2 ? 2.0 : 16.0));
+        double bits;
+        const std::uint64_t raw = next();
+        std::memcpy(&bits, &raw, sizeof bits);
+        check(bits);
+        // Values from 1e-5 to 1e7 spread evenly in their exponent.
+        check(std::pow(10.0, -5 + 12 * (next() >> 11) * 0x1p-53));
+    }
+    EXPECT_EQ(wrong, 0u) << "of " << checked;
 }

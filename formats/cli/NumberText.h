@@ -1,0 +1,84 @@
+#pragma once
+// Numbers to text as a default C++ stream or printf's "%g" prints them: general form, six
+// significant digits, trailing zeros dropped. The common case (a finite value from 0.0001 to
+// below a million) is worked out with one multiplication and integer digits; everything else,
+// and every value whose sixth digit sits too near a rounding tie to decide cheaply, goes
+// through {fmt}, which gives the same text.
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include <fmt/format.h>
+
+namespace NumberText {
+
+// Room that FormatGeneral needs at out: "-1.23457e-308" and the like.
+constexpr std::size_t kGeneralMax = 16;
+
+namespace detail {
+
+inline char* FormatGeneralSlow(char* out, double value) { return fmt::format_to(out, "{:g}", value); }
+
+} // namespace detail
+
+// Writes value at out and returns the end of the text (no terminating zero).
+inline char* FormatGeneral(char* out, double value)
+{
+    static constexpr double kPow10[10] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9};
+    // The decimal exponent of the first significant digit, from the thresholds 10^e.
+    static constexpr double kLow[10] = {1e-4, 1e-3, 1e-2, 1e-1, 1e0, 1e1, 1e2, 1e3, 1e4, 1e5};
+    if (value == 0.0)
+    {
+        if (std::signbit(value))
+            *out++ = '-';
+        *out++ = '0';
+        return out;
+    }
+    const double a = std::fabs(value);
+    if (!(a >= 1e-4 && a < 999999.0))
+        return detail::FormatGeneralSlow(out, value);
+    int e = 9; // index into kLow: exponent e - 4
+    while (a < kLow[e])
+        --e;
+    const int exponent = e - 4;
+    // Six digits: a * 10^(5 - exponent), at most 1e6 and so exact to about 1e-10.
+    const double scaled = a * kPow10[5 - exponent];
+    const double whole = std::floor(scaled);
+    const double fraction = scaled - whole;
+    if (whole < 100000.0 || std::fabs(fraction - 0.5) < 1e-6)
+        return detail::FormatGeneralSlow(out, value);
+    std::uint32_t digits = static_cast<std::uint32_t>(whole) + (fraction > 0.5 ? 1u : 0u);
+    if (digits >= 1000000u)
+        return detail::FormatGeneralSlow(out, value);
+
+    char d[6];
+    for (int i = 5; i >= 0; --i, digits /= 10)
+        d[i] = static_cast<char>('0' + digits % 10);
+    int last = 5; // the last digit that is kept: trailing zeros of the fraction go
+    const int integerDigits = exponent >= 0 ? exponent + 1 : 0;
+    while (last >= integerDigits && d[last] == '0')
+        --last;
+    if (value < 0)
+        *out++ = '-';
+    if (exponent >= 0)
+    {
+        std::memcpy(out, d, static_cast<std::size_t>(integerDigits));
+        out += integerDigits;
+        if (last >= integerDigits)
+        {
+            *out++ = '.';
+            const int n = last - integerDigits + 1;
+            std::memcpy(out, d + integerDigits, static_cast<std::size_t>(n));
+            out += n;
+        }
+        return out;
+    }
+    *out++ = '0';
+    *out++ = '.';
+    for (int i = -1; i > exponent; --i)
+        *out++ = '0';
+    std::memcpy(out, d, static_cast<std::size_t>(last + 1));
+    return out + last + 1;
+}
+
+} // namespace NumberText
