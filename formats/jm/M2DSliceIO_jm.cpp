@@ -82,21 +82,30 @@ bool M2DSliceIO_jm::_OpenFile(const std::wstring& /*path*/, MOpenMode /*mode*/)
 // in the file yet; values known only later are patched there, or in the file when they have
 // left the buffer already. The file is written in runs of whole records.
 
+void M2DSliceIO_jm::_Grow(std::size_t n) { _out.resize(std::max(2 * _out.size(), _outUsed + n + kRecordSize)); }
+
 void M2DSliceIO_jm::_Put(const void* bytes, std::size_t n)
 {
-    if (n > _out.size() - _outUsed)
-        _out.resize(std::max(2 * _out.size(), _outUsed + n + kRecordSize));
-    std::memcpy(_out.data() + _outUsed, bytes, n);
+    std::memcpy(_Room(n), bytes, n);
     _outUsed += n;
 }
 
 template <class T>
 void M2DSliceIO_jm::_PutLE(T value)
 {
-    if (sizeof(T) > _out.size() - _outUsed)
-        _out.resize(std::max(2 * _out.size(), _outUsed + sizeof(T) + kRecordSize));
-    ByteOrder::StoreLE(_out.data() + _outUsed, value);
+    ByteOrder::StoreLE(_Room(sizeof(T)), value);
     _outUsed += sizeof(T);
+}
+
+void M2DSliceIO_jm::_PutWords(std::initializer_list<std::uint32_t> words)
+{
+    unsigned char* at = _Room(4 * words.size());
+    for (std::uint32_t word : words)
+    {
+        ByteOrder::StoreLE(at, word);
+        at += 4;
+    }
+    _outUsed += 4 * words.size();
 }
 
 template <class T>
@@ -203,10 +212,8 @@ void M2DSliceIO_jm::_EndRecord()
         _Flush();
 }
 
-void M2DSliceIO_jm::_RestartRecordIfNeed(std::int64_t words)
+void M2DSliceIO_jm::_RestartRecord()
 {
-    if (_Tell() <= _recordStart + (4095 - words) * 4)
-        return;
     if (!_inBlock)
         _WriteDataB4(1); // filler
     _EndRecord();
@@ -469,15 +476,10 @@ bool M2DSliceIO_jm::_WritePolygonSolid(const M2DSliceVectorLayer& layer, std::si
 
 void M2DSliceIO_jm::_WritePolygon(const M2DSliceVectorBlock& block)
 {
+    // Each word on its own: a point's x and y may stand in two records.
     const auto word = [this](std::int32_t value) {
-        if (_Tell() > _recordStart + 16376)
-        {
-            if (!_inBlock)
-                _WriteDataB4(1);
-            _EndRecord();
-            _StartRecord();
-        }
-        _WriteDataB4(Word(value));
+        _RestartRecordIfNeed(1);
+        _PutWords({Word(value)});
     };
     for (const M2DSliceVector& v : block.Vectors)
     {
@@ -515,25 +517,22 @@ bool M2DSliceIO_jm::_WriteLines(const M2DSliceVectorBlock& block, std::int32_t z
 void M2DSliceIO_jm::_WriteFreeDirectionLine(const M2DSliceVector& v)
 {
     _RestartRecordIfNeed(5);
-    _WriteDataB4S(FreeLine);
-    for (std::int32_t value : {v.x1, v.y1, v.x2, v.y2})
-        _WriteDataB4(Word(StlUnitsToMicrometers(value)));
+    _PutWords({Word(FreeLine), Word(StlUnitsToMicrometers(v.x1)), Word(StlUnitsToMicrometers(v.y1)),
+               Word(StlUnitsToMicrometers(v.x2)), Word(StlUnitsToMicrometers(v.y2))});
 }
 
 void M2DSliceIO_jm::_WriteLineParallelToXAxis(const M2DSliceVector& v)
 {
     _RestartRecordIfNeed(4);
-    _WriteDataB4S(LineParallelToX);
-    for (std::int32_t value : {v.x1, v.y1, v.x2})
-        _WriteDataB4(Word(StlUnitsToMicrometers(value)));
+    _PutWords({Word(LineParallelToX), Word(StlUnitsToMicrometers(v.x1)), Word(StlUnitsToMicrometers(v.y1)),
+               Word(StlUnitsToMicrometers(v.x2))});
 }
 
 void M2DSliceIO_jm::_WriteLineParallelToYAxis(const M2DSliceVector& v)
 {
     _RestartRecordIfNeed(4);
-    _WriteDataB4S(LineParallelToY);
-    for (std::int32_t value : {v.x1, v.y1, v.y2})
-        _WriteDataB4(Word(StlUnitsToMicrometers(value)));
+    _PutWords({Word(LineParallelToY), Word(StlUnitsToMicrometers(v.x1)), Word(StlUnitsToMicrometers(v.y1)),
+               Word(StlUnitsToMicrometers(v.y2))});
 }
 
 // ---------------------------------------------------------------- reading
