@@ -39,15 +39,15 @@ std::string ValueOf(const std::string& piece)
 
 bool M2DSliceIO_cli_ascii::_OpenFile(const std::wstring& /*path*/, MOpenMode /*mode*/)
 {
-    _text.clear();
-    _layerTexts.clear();
+    _markers.clear();
+    _textSize = 0;
     _layerTextIndex = 0;
     return true;
 }
 
 bool M2DSliceIO_cli_ascii::_SeekFilePos(std::int64_t position)
 {
-    if (position < 0 || static_cast<std::uint64_t>(position) > _layerTexts.size())
+    if (position < 0 || static_cast<std::uint64_t>(position) > _markers.size() + 1)
         return _Fail("no layer text " + std::to_string(position));
     _layerTextIndex = static_cast<std::uint64_t>(position);
     return true;
@@ -196,27 +196,36 @@ bool M2DSliceIO_cli_ascii::_WriteFooter(const std::vector<const ISource2DSlices*
 
 bool M2DSliceIO_cli_ascii::_ReadHeader(ITarget2DSlices* target)
 {
-    _text.clear();
-    _layerTexts.clear();
-    const std::int64_t size = _file.GET_SIZE();
-    if (size > 0)
-    {
-        _text.resize(static_cast<std::size_t>(size));
-        _file.SEEK(0, 0);
-        _text.resize(_file.ReadBytes(&_text[0], _text.size()));
-    }
-    const std::string_view text(_text);
+    // The file is read once in chunks to find where each "$$LAYER/" stands; a layer's text is
+    // read when it is wanted. The last bytes of a chunk that could start a marker go again at
+    // the front of the next one.
     static constexpr std::string_view marker = "$$LAYER/";
-    std::size_t start = 0;
-    for (std::size_t end; (end = text.find(marker, start)) != std::string_view::npos; start = end + marker.size())
-        _layerTexts.push_back(text.substr(start, end - start));
-    _layerTexts.push_back(text.substr(start));
+    static constexpr std::size_t kChunk = 1 << 20;
+    _markers.clear();
+    std::vector<char> chunk(kChunk + marker.size());
+    std::size_t kept = 0;
+    std::int64_t chunkStart = 0; // file offset of chunk[0]
+    _file.SEEK(0, 0);
+    for (std::size_t got; (got = _file.ReadBytes(chunk.data() + kept, kChunk)) > 0;)
+    {
+        const std::string_view text(chunk.data(), kept + got);
+        for (std::size_t at = 0; (at = text.find(marker, at)) != std::string_view::npos; at += marker.size())
+            _markers.push_back(chunkStart + static_cast<std::int64_t>(at));
+        const std::size_t next = text.size() - std::min(text.size(), marker.size() - 1);
+        std::memmove(chunk.data(), chunk.data() + next, text.size() - next);
+        kept = text.size() - next;
+        chunkStart += static_cast<std::int64_t>(next);
+    }
+    _textSize = chunkStart + static_cast<std::int64_t>(kept);
     _layerTextIndex = 1;
-    _properties.NumLayers = _layerTexts.size() - 1;
+    _properties.NumLayers = _markers.size();
+
+    std::string head(static_cast<std::size_t>(_markers.empty() ? _textSize : _markers[0]), '\0');
+    _file.SEEK(0, 0);
+    head.resize(_file.ReadBytes(&head[0], head.size()));
 
     // The first piece cut at every "$$"; the piece before the first "$$" is skipped.
     std::vector<std::string> pieces, values;
-    const std::string_view head = _layerTexts[0];
     for (std::size_t at = head.find("$$"); at != std::string_view::npos;)
     {
         const std::size_t next = head.find("$$", at + 2);
@@ -288,9 +297,17 @@ bool M2DSliceIO_cli_ascii::_ReadHeader(ITarget2DSlices* target)
 
 bool M2DSliceIO_cli_ascii::_FetchLayer(ILayerInput& input)
 {
-    if (_layerTextIndex >= _layerTexts.size())
+    if (_layerTextIndex > _markers.size())
         return false;
-    CliText::ReadLayerText(_layerTexts[_layerTextIndex], _GetConversionFactor(), input);
+    // The text between the layer's "$$LAYER/" and the next one, or the end of the file.
+    const std::int64_t start = _markers[_layerTextIndex - 1] + 8;
+    const std::int64_t end = _layerTextIndex < _markers.size() ? _markers[_layerTextIndex] : _textSize;
+    const std::size_t size = static_cast<std::size_t>(end - start);
+    if (_layerText.size() < size)
+        _layerText.resize(size);
+    _file.SEEK(start, 0);
+    const std::size_t got = size > 0 ? _file.ReadBytes(_layerText.data(), size) : 0;
+    CliText::ReadLayerText(std::string_view(_layerText.data(), got), _GetConversionFactor(), input);
     ++_layerTextIndex;
     input.EndContour(false);
     return true;

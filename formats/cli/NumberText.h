@@ -1,9 +1,9 @@
 #pragma once
 // Numbers to text as a default C++ stream or printf's "%g" prints them: general form, six
-// significant digits, trailing zeros dropped. The common case (a finite value from 0.0001 to
-// below a million) is worked out with one multiplication and integer digits; everything else,
-// and every value whose sixth digit sits too near a rounding tie to decide cheaply, goes
-// through {fmt}, which gives the same text.
+// significant digits, trailing zeros dropped, a true tie rounded to the even digit. The common
+// case (a finite value from 0.0001 to below a million) is worked out with one multiplication
+// and integer digits; everything else, and every value whose sixth digit sits too near a
+// rounding tie to decide cheaply, goes through {fmt}, which gives the same text.
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -42,12 +42,16 @@ inline char* FormatGeneral(char* out, double value)
         --e;
     const int exponent = e - 4;
     // Six digits: a * 10^(5 - exponent), at most 1e6 and so exact to about 1e-10.
+    // At exponent 5 that is the value itself, and a half is a true tie, which goes to the even
+    // digit; otherwise a fraction too near a half is left to the exact conversion.
     const double scaled = a * kPow10[5 - exponent];
     const double whole = std::floor(scaled);
     const double fraction = scaled - whole;
-    if (whole < 100000.0 || std::fabs(fraction - 0.5) < 1e-6)
+    if (whole < 100000.0 || (exponent != 5 && std::fabs(fraction - 0.5) < 1e-6))
         return detail::FormatGeneralSlow(out, value);
-    std::uint32_t digits = static_cast<std::uint32_t>(whole) + (fraction > 0.5 ? 1u : 0u);
+    std::uint32_t digits = static_cast<std::uint32_t>(whole);
+    if (fraction > 0.5 || (fraction == 0.5 && digits % 2 == 1))
+        ++digits;
     if (digits >= 1000000u)
         return detail::FormatGeneralSlow(out, value);
 
