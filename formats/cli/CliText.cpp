@@ -1,5 +1,7 @@
 #include "CliText.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 
 #include "../../framework/ConvertKernels.h"
@@ -38,6 +40,32 @@ public:
     double Double()
     {
         const char* begin = _Take();
+        // Plain decimals of up to 15 digits: the digits as an integer and one division by a
+        // power of ten, both exact, give the correctly rounded value that std::from_chars
+        // gives.
+        static constexpr double kPow10[16] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                              1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+        const char* at = begin;
+        const bool negative = at != _end && *at == '-';
+        at += negative ? 1 : 0;
+        std::uint64_t digits = 0;
+        const char* first = at;
+        for (; at != _end && static_cast<unsigned>(*at - '0') < 10; ++at)
+            digits = digits * 10 + static_cast<unsigned>(*at - '0');
+        std::ptrdiff_t count = at - first, decimals = 0;
+        if (at != _end && *at == '.' && count <= 15)
+        {
+            const char* fraction = ++at;
+            for (; at != _end && static_cast<unsigned>(*at - '0') < 10 && at - fraction + count < 16; ++at)
+                digits = digits * 10 + static_cast<unsigned>(*at - '0');
+            decimals = at - fraction;
+            count += decimals;
+        }
+        if (count > 0 && count <= 15 && _EndsAt(at))
+        {
+            const double value = static_cast<double>(digits) / kPow10[decimals];
+            return negative ? -value : value;
+        }
         double value = 0.0;
         const auto parsed = std::from_chars(begin, _end, value);
         if (parsed.ec == std::errc() && parsed.ptr != begin && _EndsAt(parsed.ptr))

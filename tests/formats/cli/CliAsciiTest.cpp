@@ -13,6 +13,7 @@
 #include "FormatTestKit.h"
 #include "formats/cli/M2DSliceIO_cli_ascii.h"
 #include "formats/cli/NumberText.h"
+#include "framework/ConvertKernels.h"
 #include "framework/LocalClock.h"
 #include "framework/M2DSliceContainerIO.h"
 #include "framework/M2DSliceIOFactory.h"
@@ -206,6 +207,78 @@ TEST(M2DSliceIO_cli_ascii, RoundTripsAndItsQuirksStay)
     const std::string bytes = ReadFile(dir.File("r.cli"));
     kit::SweepTruncations(56, bytes, options);
     kit::SweepCorruptions(56, bytes, options);
+}
+
+// Numbers in layer lines are read as the string conversions read each piece: odd spellings,
+// long decimals, a carriage return before the line's end; a bad piece throws their exceptions.
+TEST(M2DSliceIO_cli_ascii, NumbersReadAsTheStringConversionsReadThem)
+{
+    ScratchDir dir;
+    const std::string path = dir.File("n.cli");
+    const std::string head = "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$VERSION/200\n$$DIMENSION/0,0,0,1,1,1\n"
+                             "$$LAYERS/1\n$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/0.5\n";
+    std::vector<std::string> pieces = {"-0", "0", "1.", ".5", "-.5", "007", "1e3", "1.5E-2", " 5", "+5", "5 ", "0x10",
+                                       "123456789012345", "1234567890123456", "0.123456789012345", "0.1234567890123456",
+                                       "-98765.4321098765", "12345678901234567890", "0.00005", "-0.00015", "2.5e-4"};
+    std::uint64_t seed = 99;
+    for (int i = 0; i < 4000; ++i)
+    {
+        seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+        std::string digits = std::to_string(seed >> (seed % 40));
+        const std::size_t point = (seed >> 8) % (digits.size() + 1);
+        if (point < digits.size())
+            digits.insert(point, ".");
+        pieces.push_back((seed & 1 ? "-" : "") + digits);
+    }
+    while (pieces.size() % 4 != 3)
+        pieces.push_back("1");
+    pieces.push_back("7\r"); // the line's last piece
+    std::string line = "$$HATCHES/1," + std::to_string(pieces.size() / 4);
+    for (const std::string& piece : pieces)
+        line += "," + piece;
+    WriteFile(path, head + line + "\n$$HATCHES/2,1,1,2,3,4\r\n$$GEOMETRYEND\n");
+    M2DSliceStack stack;
+    ASSERT_TRUE(M2DSliceContainerIO(56).ReadContainer(stack, Wide(path), true, nullptr));
+    const M2DSliceVectorLayer& vectors = *stack.GetSlice(0)->GetVectors();
+    ASSERT_EQ(vectors.GetNumVectorBlocks(), 2u);
+    const auto& read = vectors.GetVectorBlock(0)->Vectors;
+    ASSERT_EQ(read.size() * 4, pieces.size());
+    for (std::size_t i = 0; i < pieces.size(); ++i)
+    {
+        const M2DSliceVector& v = read[i / 4];
+        const int got[4] = {v.x1, v.y1, v.x2, v.y2};
+        EXPECT_EQ(got[i % 4], ConvertKernels::Round(std::stod(pieces[i]) * 10000.0)) << "\"" << pieces[i] << "\"";
+    }
+    EXPECT_EQ(vectors.GetVectorBlock(1)->Vectors.at(0).y2, 40000);
+
+    // Bad pieces: the exception and its text.
+    const auto failure = [&](const std::string& bad) -> std::string {
+        WriteFile(path, head + bad + "\n");
+        M2DSliceStack ignored;
+        try
+        {
+            M2DSliceContainerIO(56).ReadContainer(ignored, Wide(path), true, nullptr);
+        }
+        catch (const std::invalid_argument& e)
+        {
+            return std::string("invalid_argument: ") + e.what();
+        }
+        catch (const std::out_of_range& e)
+        {
+            return std::string("out_of_range: ") + e.what();
+        }
+        return "none";
+    };
+    EXPECT_EQ(failure("$$HATCHES/1,1,1,2,x,4"), "invalid_argument: invalid stod argument");
+    EXPECT_EQ(failure("$$HATCHES/1,1,1,2,,4"), "invalid_argument: invalid stod argument");
+    EXPECT_EQ(failure("$$HATCHES/1,1,1,2,1e999,4"), "out_of_range: stod argument out of range");
+    EXPECT_EQ(failure("$$HATCHES/1,2,1,2,3,4"), "out_of_range: invalid vector subscript");
+    EXPECT_EQ(failure("$$HATCHES/1,2,1,2,3,4,5,6,7,"), "invalid_argument: invalid stod argument");
+    EXPECT_EQ(failure("$$HATCHES/1,99999999999,1"), "out_of_range: stoi argument out of range");
+    EXPECT_EQ(failure("$$POLYLINE/z,1,1,0,0"), "invalid_argument: invalid stoi argument");
+    EXPECT_EQ(failure("$$POLYLINE/"), "invalid_argument: invalid stoi argument");
+    EXPECT_EQ(failure("$$POLYLINE/1,1,2,0,0,5"), "out_of_range: invalid vector subscript");
+    EXPECT_EQ(failure("$$POLYLINE/1,1,1,0,0,junk after the count"), "none");
 }
 
 // The fast general form gives printf's "%g" text for every value: quotients of coordinates by
