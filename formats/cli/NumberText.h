@@ -12,8 +12,9 @@
 
 namespace NumberText {
 
-// Room that FormatGeneral needs at out: "-1.23457e-308" and the like.
-constexpr std::size_t kGeneralMax = 16;
+// Room that FormatGeneral needs at out: the longest text is "-1.23457e-308" (13 characters);
+// the fast path may write up to 16 bytes.
+constexpr std::size_t kGeneralMax = 24;
 
 namespace detail {
 
@@ -55,34 +56,30 @@ inline char* FormatGeneral(char* out, double value)
     if (digits >= 1000000u)
         return detail::FormatGeneralSlow(out, value);
 
-    char d[6];
+    // The text is put together with stores of fixed size, which may write scratch bytes
+    // behind its end (within kGeneralMax).
+    char d[16] = {};
     for (int i = 5; i >= 0; --i, digits /= 10)
         d[i] = static_cast<char>('0' + digits % 10);
     int last = 5; // the last digit that is kept: trailing zeros of the fraction go
     const int integerDigits = exponent >= 0 ? exponent + 1 : 0;
     while (last >= integerDigits && d[last] == '0')
         --last;
-    if (value < 0)
-        *out++ = '-';
+    *out = '-';
+    out += value < 0 ? 1 : 0;
     if (exponent >= 0)
     {
-        std::memcpy(out, d, static_cast<std::size_t>(integerDigits));
-        out += integerDigits;
-        if (last >= integerDigits)
-        {
-            *out++ = '.';
-            const int n = last - integerDigits + 1;
-            std::memcpy(out, d + integerDigits, static_cast<std::size_t>(n));
-            out += n;
-        }
-        return out;
+        std::memcpy(out, d, 8);
+        if (last < integerDigits)
+            return out + integerDigits;
+        out[integerDigits] = '.';
+        std::memcpy(out + integerDigits + 1, d + integerDigits, 8);
+        return out + last + 2;
     }
-    *out++ = '0';
-    *out++ = '.';
-    for (int i = -1; i > exponent; --i)
-        *out++ = '0';
-    std::memcpy(out, d, static_cast<std::size_t>(last + 1));
-    return out + last + 1;
+    const int zeros = -exponent - 1;
+    std::memcpy(out, "0.000000", 8);
+    std::memcpy(out + 2 + zeros, d, 8);
+    return out + 2 + zeros + last + 1;
 }
 
 } // namespace NumberText
