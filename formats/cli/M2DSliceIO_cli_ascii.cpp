@@ -202,11 +202,12 @@ bool M2DSliceIO_cli_ascii::_ReadHeader(ITarget2DSlices* target)
     static constexpr std::string_view marker = "$$LAYER/";
     static constexpr std::size_t kChunk = 1 << 20;
     _markers.clear();
-    std::vector<char> chunk(kChunk + marker.size());
+    const std::size_t chunkSize = static_cast<std::size_t>(std::clamp<std::int64_t>(_file.GET_SIZE(), 1, kChunk));
+    std::vector<char> chunk(chunkSize + marker.size());
     std::size_t kept = 0;
     std::int64_t chunkStart = 0; // file offset of chunk[0]
     _file.SEEK(0, 0);
-    for (std::size_t got; (got = _file.ReadBytes(chunk.data() + kept, kChunk)) > 0;)
+    for (std::size_t got; (got = _file.ReadBytes(chunk.data() + kept, chunkSize)) > 0;)
     {
         const std::string_view text(chunk.data(), kept + got);
         for (std::size_t at = 0; (at = text.find(marker, at)) != std::string_view::npos; at += marker.size())
