@@ -58,9 +58,13 @@ inline char* FormatGeneral(char* out, double value)
 
     // The text is put together with stores of fixed size, which may write scratch bytes
     // behind its end (within kGeneralMax).
+    static constexpr char kPairs[] = "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+                                     "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+                                     "8081828384858687888990919293949596979899";
     char d[16] = {};
-    for (int i = 5; i >= 0; --i, digits /= 10)
-        d[i] = static_cast<char>('0' + digits % 10);
+    std::memcpy(d, kPairs + 2 * (digits / 10000), 2);
+    std::memcpy(d + 2, kPairs + 2 * (digits / 100 % 100), 2);
+    std::memcpy(d + 4, kPairs + 2 * (digits % 100), 2);
     int last = 5; // the last digit that is kept: trailing zeros of the fraction go
     const int integerDigits = exponent >= 0 ? exponent + 1 : 0;
     while (last >= integerDigits && d[last] == '0')
