@@ -16,6 +16,7 @@
 #include "framework/ConvertKernels.h"
 #include "framework/LocalClock.h"
 #include "framework/M2DSliceContainerIO.h"
+#include "framework/M2DSliceContainerIterator.h"
 #include "framework/M2DSliceIOFactory.h"
 #include "tests/TestSupport.h"
 
@@ -171,6 +172,21 @@ TEST(M2DSliceIO_cli_ascii, RoundTripsAndItsQuirksStay)
     const auto stack = kit::RoundTrip(56, {&build}, dir.File("r.cli"), 10000, 1000, &reason);
     ASSERT_TRUE(stack) << reason;
     kit::ExpectSameBuild({&build}, *stack, FormatRegistry::ForCode(56)->Losses | FormatLoss_OpenContours, 5);
+
+    // The lazy reader reaches each layer by its index, in any order, as the whole read (with
+    // the same default options) has it.
+    M2DSliceStack whole;
+    ASSERT_TRUE(M2DSliceContainerIO(56).ReadContainer(whole, dir.WFile("r.cli"), true, nullptr));
+    M2DSliceContainerIterator it(dir.WFile("r.cli"), 56, true, 0, true);
+    ASSERT_TRUE(it.IsValid());
+    ASSERT_EQ(it.GetNumSlices(), 4u);
+    ASSERT_EQ(whole.GetNumSlices(), 4u);
+    for (std::uint64_t i : {3u, 0u, 2u, 2u, 1u, 3u})
+    {
+        M2DSlice slice;
+        it.GetSlice(slice, i);
+        ExpectSameSlice(*whole.GetSlice(i), slice, "iterator layer " + std::to_string(i));
+    }
 
     // A resolution of 6 writes "$$UNITS/0.166667": code 0 rounds 1 / 0.166667 to 6, code 56
     // truncates it to 5, so the same file reads at two scales.
