@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "../../framework/I2DSliceIO.h"
@@ -71,7 +72,13 @@ inline void Split(const std::string& text, char separator, std::vector<std::stri
 
 // One layer of an ASCII file (the text behind its "$$LAYER/", height first) to input: lines
 // longer than 10 characters that begin "$$POLYLINE/" and longer than 9 that begin "$$HATCHES/"
-// are read, every other line is skipped; coordinates are Round(value * c).
-void ReadLayerText(const std::string& text, double c, I2DSliceIO::ILayerInput& input);
+// are read, every other line is skipped; coordinates are Round(value * c). The text is parsed
+// where it lies; what a piece holds and which exception a bad one gives are as with Split,
+// Piece, Stoi and Stod on the lines and their pieces.
+void ReadLayerText(std::string_view text, double c, I2DSliceIO::ILayerInput& input);
+inline void ReadLayerText(const std::string& text, double c, I2DSliceIO::ILayerInput& input)
+{
+    ReadLayerText(std::string_view(text), c, input);
+}
 
 } // namespace CliText

@@ -1,15 +1,15 @@
 #include "M2DSliceIO_cli_ascii.h"
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
-#include <fstream>
-#include <iterator>
+#include <cstring>
 #include <sstream>
 
 #include "../../contracts/PersistentProperties.h"
-#include "../../contracts/StringConversion.h"
 #include "../../framework/LocalClock.h"
 #include "CliText.h"
+#include "NumberText.h"
 
 #include <fmt/format.h>
 
@@ -39,14 +39,15 @@ std::string ValueOf(const std::string& piece)
 
 bool M2DSliceIO_cli_ascii::_OpenFile(const std::wstring& /*path*/, MOpenMode /*mode*/)
 {
-    _layerTexts.clear();
+    _markers.clear();
+    _textSize = 0;
     _layerTextIndex = 0;
     return true;
 }
 
 bool M2DSliceIO_cli_ascii::_SeekFilePos(std::int64_t position)
 {
-    if (position < 0 || static_cast<std::uint64_t>(position) > _layerTexts.size())
+    if (position < 0 || static_cast<std::uint64_t>(position) > _markers.size() + 1)
         return _Fail("no layer text " + std::to_string(position));
     _layerTextIndex = static_cast<std::uint64_t>(position);
     return true;
@@ -100,10 +101,24 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
     const double c = _GetConversionFactor();
     std::vector<const M2DSlice*> slices;
     _GetSlicesFromItems(items, slices);
-    // Numbers in general form with six significant digits, as a default stream prints them.
-    fmt::memory_buffer out;
-    const auto number = [&](double v) { fmt::format_to(std::back_inserter(out), ",{:g}", v); };
-    fmt::format_to(std::back_inserter(out), "$$LAYER/{:g}\n", z / c);
+    // The layer's text is made in one buffer, with room made once per line, and written in
+    // one go. Numbers in general form with six significant digits, as a default stream
+    // prints them.
+    std::size_t used = 0;
+    const auto room = [&](std::size_t n) {
+        if (_out.size() - used < n)
+            _out.resize(std::max(2 * _out.size(), used + n));
+        return _out.data() + used;
+    };
+    const auto commit = [&](char* end) { used = static_cast<std::size_t>(end - _out.data()); };
+    constexpr std::size_t kNumber = NumberText::kGeneralMax + 1; // with its comma
+    constexpr std::size_t kHead = 64;                            // a line's keyword and counts
+
+    char* p = room(kHead);
+    std::memcpy(p, "$$LAYER/", 8);
+    p = NumberText::FormatGeneral(p + 8, z / c);
+    *p++ = '\n';
+    commit(p);
     int id = _modelStartIndex;
     for (std::size_t i = 0; i < slices.size(); ++i, ++id)
     {
@@ -121,16 +136,19 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
                     continue;
                 const bool closed = contour.GetIsClosed();
                 const std::size_t n = closed ? contour.GetNumPoints() + 1 : contour.GetNumPoints();
-                fmt::format_to(std::back_inserter(out), "$$POLYLINE/{},{},{}", id,
-                               closed ? (contour.GetIsOuterContour() ? 1 : 0) : 2, n);
+                char* q = room(kHead + 2 * kNumber * n);
+                q = fmt::format_to(q, "$$POLYLINE/{},{},{}", id, closed ? (contour.GetIsOuterContour() ? 1 : 0) : 2, n);
                 // The reverse of the contour's order, from the point before the first.
-                const auto* p = contour.GetFirstPoint()->GetPreviousPoint();
-                for (std::size_t j = 0; j < n; ++j, p = p->GetPreviousPoint())
+                const auto* point = contour.GetFirstPoint()->GetPreviousPoint();
+                for (std::size_t j = 0; j < n; ++j, point = point->GetPreviousPoint())
                 {
-                    number(p->x / c);
-                    number(p->y / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, point->x / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, point->y / c);
                 }
-                out.push_back('\n');
+                *q++ = '\n';
+                commit(q);
             }
         };
         const auto hatches = [&] {
@@ -140,15 +158,21 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
                 const M2DSliceVectorBlock& block = *vectors.GetVectorBlock(k);
                 if (block.Vectors.empty())
                     continue;
-                fmt::format_to(std::back_inserter(out), "$$HATCHES/{},{}", id, block.Vectors.size());
+                char* q = room(kHead + 4 * kNumber * block.Vectors.size());
+                q = fmt::format_to(q, "$$HATCHES/{},{}", id, block.Vectors.size());
                 for (const M2DSliceVector& v : block.Vectors)
                 {
-                    number(v.x1 / c);
-                    number(v.y1 / c);
-                    number(v.x2 / c);
-                    number(v.y2 / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, v.x1 / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, v.y1 / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, v.x2 / c);
+                    *q++ = ',';
+                    q = NumberText::FormatGeneral(q, v.y2 / c);
                 }
-                out.push_back('\n');
+                *q++ = '\n';
+                commit(q);
             }
         };
         if (!parameters || parameters->BordersFirst)
@@ -162,7 +186,7 @@ bool M2DSliceIO_cli_ascii::_WriteLayer(const std::vector<const ISource2DSlices*>
             polylines();
         }
     }
-    return _file.WRITE(out.data(), out.size()) == out.size() || _Fail("the layer could not be written");
+    return _file.WRITE(_out.data(), used) == used || _Fail("the layer could not be written");
 }
 
 bool M2DSliceIO_cli_ascii::_WriteFooter(const std::vector<const ISource2DSlices*>& /*sources*/)
@@ -172,24 +196,41 @@ bool M2DSliceIO_cli_ascii::_WriteFooter(const std::vector<const ISource2DSlices*
 
 bool M2DSliceIO_cli_ascii::_ReadHeader(ITarget2DSlices* target)
 {
-    std::ifstream stream(StringConversion::NativeToUtf8(_file.GET_PATH()), std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-    _layerTexts.clear();
-    static const std::string marker = "$$LAYER/";
-    std::size_t start = 0;
-    for (std::size_t end; (end = text.find(marker, start)) != std::string::npos; start = end + marker.size())
-        _layerTexts.emplace_back(text, start, end - start);
-    _layerTexts.emplace_back(text, start);
+    // The file is read once in chunks to find where each "$$LAYER/" stands; a layer's text is
+    // read when it is wanted. The last bytes of a chunk that could start a marker go again at
+    // the front of the next one.
+    static constexpr std::string_view marker = "$$LAYER/";
+    static constexpr std::size_t kChunk = 1 << 20;
+    _markers.clear();
+    const std::size_t chunkSize = static_cast<std::size_t>(std::clamp<std::int64_t>(_file.GET_SIZE(), 1, kChunk));
+    std::vector<char> chunk(chunkSize + marker.size());
+    std::size_t kept = 0;
+    std::int64_t chunkStart = 0; // file offset of chunk[0]
+    _file.SEEK(0, 0);
+    for (std::size_t got; (got = _file.ReadBytes(chunk.data() + kept, chunkSize)) > 0;)
+    {
+        const std::string_view text(chunk.data(), kept + got);
+        for (std::size_t at = 0; (at = text.find(marker, at)) != std::string_view::npos; at += marker.size())
+            _markers.push_back(chunkStart + static_cast<std::int64_t>(at));
+        const std::size_t next = text.size() - std::min(text.size(), marker.size() - 1);
+        std::memmove(chunk.data(), chunk.data() + next, text.size() - next);
+        kept = text.size() - next;
+        chunkStart += static_cast<std::int64_t>(next);
+    }
+    _textSize = chunkStart + static_cast<std::int64_t>(kept);
     _layerTextIndex = 1;
-    _properties.NumLayers = _layerTexts.size() - 1;
+    _properties.NumLayers = _markers.size();
+
+    std::string head(static_cast<std::size_t>(_markers.empty() ? _textSize : _markers[0]), '\0');
+    _file.SEEK(0, 0);
+    head.resize(_file.ReadBytes(&head[0], head.size()));
 
     // The first piece cut at every "$$"; the piece before the first "$$" is skipped.
     std::vector<std::string> pieces, values;
-    const std::string& head = _layerTexts[0];
-    for (std::size_t at = head.find("$$"); at != std::string::npos;)
+    for (std::size_t at = head.find("$$"); at != std::string_view::npos;)
     {
         const std::size_t next = head.find("$$", at + 2);
-        pieces.emplace_back(head, at + 2, next == std::string::npos ? std::string::npos : next - at - 2);
+        pieces.emplace_back(head.substr(at + 2, next == std::string_view::npos ? std::string_view::npos : next - at - 2));
         at = next;
     }
     bool start_ = false, end_ = false, ascii = false, unitsSeen = false, versionSeen = false, dimension = false,
@@ -257,9 +298,17 @@ bool M2DSliceIO_cli_ascii::_ReadHeader(ITarget2DSlices* target)
 
 bool M2DSliceIO_cli_ascii::_FetchLayer(ILayerInput& input)
 {
-    if (_layerTextIndex >= _layerTexts.size())
+    if (_layerTextIndex > _markers.size())
         return false;
-    CliText::ReadLayerText(_layerTexts[_layerTextIndex], _GetConversionFactor(), input);
+    // The text between the layer's "$$LAYER/" and the next one, or the end of the file.
+    const std::int64_t start = _markers[_layerTextIndex - 1] + 8;
+    const std::int64_t end = _layerTextIndex < _markers.size() ? _markers[_layerTextIndex] : _textSize;
+    const std::size_t size = static_cast<std::size_t>(end - start);
+    if (_layerText.size() < size)
+        _layerText.resize(size);
+    _file.SEEK(start, 0);
+    const std::size_t got = size > 0 ? _file.ReadBytes(_layerText.data(), size) : 0;
+    CliText::ReadLayerText(std::string_view(_layerText.data(), got), _GetConversionFactor(), input);
     ++_layerTextIndex;
     input.EndContour(false);
     return true;

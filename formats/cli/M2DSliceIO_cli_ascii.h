@@ -22,7 +22,8 @@ public:
     int GetModelStartIndex() const { return _modelStartIndex; }
 
 protected:
-    // The position is the index of the next layer text, so that a lazy reader can come back.
+    // The position is the index of the next layer text (the header is text 0), so that a lazy
+    // reader can come back.
     std::int64_t _TellFilePos() override { return static_cast<std::int64_t>(_layerTextIndex); }
     bool _SeekFilePos(std::int64_t position) override;
     bool _OpenFile(const std::wstring& path, MOpenMode mode) override;
@@ -43,7 +44,10 @@ protected:
 private:
     bool _FetchLayer(ILayerInput& input);
 
-    std::vector<std::string> _layerTexts;
+    std::vector<std::int64_t> _markers; // file offsets of the "$$LAYER/" markers
+    std::int64_t _textSize = 0;         // the file's size when its header was read
+    std::vector<char> _layerText;       // the text of the layer being read
+    std::vector<char> _out;                    // the text of a layer being written
     std::uint64_t _layerTextIndex = 0;
     int _modelStartIndex = 1;
 };

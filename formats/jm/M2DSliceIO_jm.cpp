@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <ctime>
 #include <stdexcept>
 
@@ -70,12 +71,65 @@ bool M2DSliceIO_jm::_OpenFile(const std::wstring& /*path*/, MOpenMode /*mode*/)
     _patterns = NumberOfJmPatterns();
     _layerCount = 0;
     _layerRead = false;
+    _outUsed = 0;
+    _outStart = 0;
     return true;
 }
 
 // ---------------------------------------------------------------- words
 
-void M2DSliceIO_jm::_WriteDataA(const std::string& text) { _file.WriteBytes(text.data(), text.size()); }
+// Everything written goes through _out, the bytes from file offset _outStart on that are not
+// in the file yet; values known only later are patched there, or in the file when they have
+// left the buffer already. The file is written in runs of whole records.
+
+void M2DSliceIO_jm::_Grow(std::size_t n) { _out.resize(std::max(2 * _out.size(), _outUsed + n + kRecordSize)); }
+
+void M2DSliceIO_jm::_Put(const void* bytes, std::size_t n)
+{
+    std::memcpy(_Room(n), bytes, n);
+    _outUsed += n;
+}
+
+template <class T>
+void M2DSliceIO_jm::_PutLE(T value)
+{
+    ByteOrder::StoreLE(_Room(sizeof(T)), value);
+    _outUsed += sizeof(T);
+}
+
+void M2DSliceIO_jm::_PutWords(std::initializer_list<std::uint32_t> words)
+{
+    unsigned char* at = _Room(4 * words.size());
+    for (std::uint32_t word : words)
+    {
+        ByteOrder::StoreLE(at, word);
+        at += 4;
+    }
+    _outUsed += 4 * words.size();
+}
+
+template <class T>
+void M2DSliceIO_jm::_PatchLE(std::int64_t offset, T value)
+{
+    if (offset >= _outStart && offset + static_cast<std::int64_t>(sizeof(T)) <= _Tell())
+    {
+        ByteOrder::StoreLE(_out.data() + (offset - _outStart), value);
+        return;
+    }
+    _file.SEEK(offset, 0);
+    WriteLE(_file, value);
+    _file.SEEK(_outStart, 0);
+}
+
+void M2DSliceIO_jm::_Flush()
+{
+    if (_outUsed > 0)
+        _file.WriteBytes(_out.data(), _outUsed);
+    _outStart += static_cast<std::int64_t>(_outUsed);
+    _outUsed = 0;
+}
+
+void M2DSliceIO_jm::_WriteDataA(const std::string& text) { _Put(text.data(), text.size()); }
 
 void M2DSliceIO_jm::_WriteText(const std::string& text, std::size_t size)
 {
@@ -84,33 +138,30 @@ void M2DSliceIO_jm::_WriteText(const std::string& text, std::size_t size)
     _WriteDataA(field);
 }
 
-void M2DSliceIO_jm::_WriteDataB2(unsigned short value) { WriteLE(_file, value); }
-void M2DSliceIO_jm::_WriteDataB2S(short value) { WriteLE(_file, value); }
-void M2DSliceIO_jm::_WriteDataB4(std::uint32_t value) { WriteLE(_file, value); }
-void M2DSliceIO_jm::_WriteDataB4S(std::int32_t value) { WriteLE(_file, value); }
-void M2DSliceIO_jm::_WriteDataB8(std::int64_t value) { WriteLE(_file, value); }
-void M2DSliceIO_jm::_WriteDataB8S(std::uint64_t value) { WriteLE(_file, value); }
+void M2DSliceIO_jm::_WriteDataB2(unsigned short value) { _PutLE(value); }
+void M2DSliceIO_jm::_WriteDataB2S(short value) { _PutLE(value); }
+void M2DSliceIO_jm::_WriteDataB4(std::uint32_t value) { _PutLE(value); }
+void M2DSliceIO_jm::_WriteDataB4S(std::int32_t value) { _PutLE(value); }
+void M2DSliceIO_jm::_WriteDataB8(std::int64_t value) { _PutLE(value); }
+void M2DSliceIO_jm::_WriteDataB8S(std::uint64_t value) { _PutLE(value); }
 
 void M2DSliceIO_jm::_WriteDataBTP(const bool* bits, std::uint64_t count)
 {
     for (std::uint64_t i = 0; i < count; ++i)
-    {
-        const char byte = bits[i] ? 1 : 0;
-        _file.WriteBytes(&byte, 1);
-    }
+        _PutLE<std::uint8_t>(bits[i] ? 1 : 0);
 }
 
 // Zeros up to offset; nothing when the file is there or beyond already.
 void M2DSliceIO_jm::_PadTo(std::int64_t offset)
 {
-    static const char zeros[4096] = {};
-    for (std::int64_t left = offset - _file.TELL(); left > 0;)
-    {
-        const std::size_t n = static_cast<std::size_t>(std::min<std::int64_t>(left, sizeof zeros));
-        if (_file.WriteBytes(zeros, n) != n)
-            return;
-        left -= static_cast<std::int64_t>(n);
-    }
+    const std::int64_t left = offset - _Tell();
+    if (left <= 0)
+        return;
+    const std::size_t n = static_cast<std::size_t>(left);
+    if (n > _out.size() - _outUsed)
+        _out.resize(std::max(2 * _out.size(), _outUsed + n + kRecordSize));
+    std::memset(_out.data() + _outUsed, 0, n);
+    _outUsed += n;
 }
 
 std::uint32_t M2DSliceIO_jm::_ReadB4(bool& ok)
@@ -133,13 +184,13 @@ void M2DSliceIO_jm::_StartRecord()
 {
     _recordBlocks = 0;
     ++_recordCount;
-    _recordStart = _file.TELL();
+    _recordStart = _Tell();
     _WriteText("AM", 4);
     _WriteDataB4(0);
     if (_inBlock)
     {
         // The block goes on here: its remainder gets a length word of its own.
-        _blockLengthPosition = _file.TELL();
+        _blockLengthPosition = _Tell();
         _WriteDataB4(0);
     }
 }
@@ -148,26 +199,21 @@ void M2DSliceIO_jm::_EndRecord()
 {
     _WriteDataB4S(EndOfRecord);
     ++_recordBlocks;
-    const std::int64_t end = _file.TELL();
+    const std::int64_t end = _Tell();
     const std::int64_t partLength = (end - _blockLengthPosition - 4) / 4;
     const std::int64_t padding = (kRecordSize - end % kRecordSize) % kRecordSize;
     if (padding < kRecordSize - 4)
         _PadTo(end + padding);
-    const std::int64_t back = _file.TELL();
-    _file.SEEK(_recordStart + 4, 0);
-    _WriteDataB4(_recordBlocks);
+    _PatchLE<std::uint32_t>(_recordStart + 4, _recordBlocks);
     if (_inBlock)
-    {
-        _file.SEEK(_blockLengthPosition, 0);
-        _WriteDataB4(static_cast<std::uint32_t>(partLength));
-    }
-    _file.SEEK(back, 0);
+        _PatchLE<std::uint32_t>(_blockLengthPosition, static_cast<std::uint32_t>(partLength));
+    // The record is whole: a run of them goes to the file.
+    if (_outUsed >= kFlushSize)
+        _Flush();
 }
 
-void M2DSliceIO_jm::_RestartRecordIfNeed(std::int64_t words)
+void M2DSliceIO_jm::_RestartRecord()
 {
-    if (_file.TELL() <= _recordStart + (4095 - words) * 4)
-        return;
     if (!_inBlock)
         _WriteDataB4(1); // filler
     _EndRecord();
@@ -178,7 +224,7 @@ void M2DSliceIO_jm::_BeginBlock(std::int32_t z, const M2DSliceVectorBlock& block
 {
     _RestartRecordIfNeed(8);
     _inBlock = true;
-    _blockLengthPosition = _file.TELL();
+    _blockLengthPosition = _Tell();
     const M2DSliceVectorTypeInfo& label = block.GetTypeInfo();
     _WriteDataB4(0);
     _WriteDataB4S(StartOfBlock);
@@ -196,10 +242,8 @@ void M2DSliceIO_jm::_EndBlock()
     _WriteDataB4S(EndOfBlock);
     ++_totalBlocks;
     ++_recordBlocks;
-    const std::int64_t end = _file.TELL();
-    _file.SEEK(_blockLengthPosition, 0);
-    _WriteDataB4(static_cast<std::uint32_t>((end - _blockLengthPosition - 1) / 4));
-    _file.SEEK(end, 0);
+    const std::int64_t end = _Tell();
+    _PatchLE<std::uint32_t>(_blockLengthPosition, static_cast<std::uint32_t>((end - _blockLengthPosition - 1) / 4));
     _inBlock = false;
 }
 
@@ -210,18 +254,17 @@ void M2DSliceIO_jm::_CloseAMData()
     _WriteDataB4S(EndOfData);
     ++_recordBlocks;
     _EndRecord();
-    const std::int64_t end = _file.TELL();
-    _file.SEEK(_countersPosition, 0);
-    _WriteDataB4(_recordCount);
-    _WriteDataB4(_totalBlocks);
-    _file.SEEK(_statisticsPosition, 0);
-    for (int i = 0; i < 7; ++i)
-        _WriteDataB8(_patterns.Counters[i]);
-    _WriteDataB4(_thickness);
-    _WriteDataB4(_layerCount);
-    for (int i = 7; i < 10; ++i)
-        _WriteDataB8(_patterns.Counters[i]);
-    _file.SEEK(end, 0);
+    _PatchLE<std::uint32_t>(_countersPosition, _recordCount);
+    _PatchLE<std::uint32_t>(_countersPosition + 4, _totalBlocks);
+    std::int64_t at = _statisticsPosition;
+    for (int i = 0; i < 7; ++i, at += 8)
+        _PatchLE<std::int64_t>(at, _patterns.Counters[i]);
+    _PatchLE<std::uint32_t>(at, _thickness);
+    _PatchLE<std::uint32_t>(at + 4, _layerCount);
+    at += 8;
+    for (int i = 7; i < 10; ++i, at += 8)
+        _PatchLE<std::int64_t>(at, _patterns.Counters[i]);
+    _Flush();
 }
 
 // ---------------------------------------------------------------- header, layers, footer
@@ -254,6 +297,9 @@ bool M2DSliceIO_jm::_WriteHeader(const std::vector<const ISource2DSlices*>& sour
     // Differences in 64 bits, cut to the 32-bit field as the machine's counters are.
     const auto extent = [](std::int64_t low, std::int64_t high) { return static_cast<std::uint32_t>((high - low) / 10); };
 
+    _outStart = _file.TELL();
+    _outUsed = 0;
+
     std::tm local{};
     LocalNow(local);
     char stamp[32] = {};
@@ -270,7 +316,7 @@ bool M2DSliceIO_jm::_WriteHeader(const std::vector<const ISource2DSlices*>& sour
     _WriteDataB4(1);
     _WriteDataB4(1);
     _WriteDataB4(0);
-    _countersPosition = _file.TELL();
+    _countersPosition = _Tell();
     _WriteDataB4(0); // record count, at the end
     _WriteDataB4(0); // total blocks, at the end
     _WriteDataB4(0);
@@ -283,7 +329,7 @@ bool M2DSliceIO_jm::_WriteHeader(const std::vector<const ISource2DSlices*>& sour
     _WriteDataB4(entries);
     for (int i = 0; i < 7; ++i)
         _WriteDataB4(0);
-    _statisticsPosition = _file.TELL();
+    _statisticsPosition = _Tell();
     for (int i = 0; i < 7; ++i)
         _WriteDataB8(0);
     _WriteDataB4(0); // thickness
@@ -430,15 +476,10 @@ bool M2DSliceIO_jm::_WritePolygonSolid(const M2DSliceVectorLayer& layer, std::si
 
 void M2DSliceIO_jm::_WritePolygon(const M2DSliceVectorBlock& block)
 {
+    // Each word on its own: a point's x and y may stand in two records.
     const auto word = [this](std::int32_t value) {
-        if (_file.TELL() > _recordStart + 16376)
-        {
-            if (!_inBlock)
-                _WriteDataB4(1);
-            _EndRecord();
-            _StartRecord();
-        }
-        _WriteDataB4(Word(value));
+        _RestartRecordIfNeed(1);
+        _PutWords({Word(value)});
     };
     for (const M2DSliceVector& v : block.Vectors)
     {
@@ -476,25 +517,22 @@ bool M2DSliceIO_jm::_WriteLines(const M2DSliceVectorBlock& block, std::int32_t z
 void M2DSliceIO_jm::_WriteFreeDirectionLine(const M2DSliceVector& v)
 {
     _RestartRecordIfNeed(5);
-    _WriteDataB4S(FreeLine);
-    for (std::int32_t value : {v.x1, v.y1, v.x2, v.y2})
-        _WriteDataB4(Word(StlUnitsToMicrometers(value)));
+    _PutWords({Word(FreeLine), Word(StlUnitsToMicrometers(v.x1)), Word(StlUnitsToMicrometers(v.y1)),
+               Word(StlUnitsToMicrometers(v.x2)), Word(StlUnitsToMicrometers(v.y2))});
 }
 
 void M2DSliceIO_jm::_WriteLineParallelToXAxis(const M2DSliceVector& v)
 {
     _RestartRecordIfNeed(4);
-    _WriteDataB4S(LineParallelToX);
-    for (std::int32_t value : {v.x1, v.y1, v.x2})
-        _WriteDataB4(Word(StlUnitsToMicrometers(value)));
+    _PutWords({Word(LineParallelToX), Word(StlUnitsToMicrometers(v.x1)), Word(StlUnitsToMicrometers(v.y1)),
+               Word(StlUnitsToMicrometers(v.x2))});
 }
 
 void M2DSliceIO_jm::_WriteLineParallelToYAxis(const M2DSliceVector& v)
 {
     _RestartRecordIfNeed(4);
-    _WriteDataB4S(LineParallelToY);
-    for (std::int32_t value : {v.x1, v.y1, v.y2})
-        _WriteDataB4(Word(StlUnitsToMicrometers(value)));
+    _PutWords({Word(LineParallelToY), Word(StlUnitsToMicrometers(v.x1)), Word(StlUnitsToMicrometers(v.y1)),
+               Word(StlUnitsToMicrometers(v.y2))});
 }
 
 // ---------------------------------------------------------------- reading

@@ -1,5 +1,6 @@
 #pragma once
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -86,6 +87,25 @@ protected:
     bool _ReadFooter(ITarget2DSlices* /*target*/) override { return true; }
 
 private:
+    // Output buffer: the bytes from file offset _outStart on, not yet written.
+    static constexpr std::size_t kFlushSize = 1 << 20;
+    std::int64_t _Tell() const { return _outStart + static_cast<std::int64_t>(_outUsed); }
+    // Room for n more bytes at the end of the buffer; _Put* then counts them in.
+    unsigned char* _Room(std::size_t n)
+    {
+        if (n > _out.size() - _outUsed)
+            _Grow(n);
+        return _out.data() + _outUsed;
+    }
+    void _Grow(std::size_t n);
+    void _Put(const void* bytes, std::size_t n);
+    template <class T>
+    void _PutLE(T value);
+    void _PutWords(std::initializer_list<std::uint32_t> words);
+    template <class T>
+    void _PatchLE(std::int64_t offset, T value);
+    void _Flush();
+
     // Words.
     void _WriteDataA(const std::string& text);
     void _WriteText(const std::string& text, std::size_t size); // cut or padded with zeros
@@ -103,7 +123,13 @@ private:
     // Structure.
     void _StartRecord();
     void _EndRecord();
-    void _RestartRecordIfNeed(std::int64_t words);
+    // A new record unless the words and the record's end code fit in this one.
+    void _RestartRecordIfNeed(std::int64_t words)
+    {
+        if (_Tell() > _recordStart + (4095 - words) * 4)
+            _RestartRecord();
+    }
+    void _RestartRecord();
     void _BeginBlock(std::int32_t z, const M2DSliceVectorBlock& block);
     void _EndBlock();
     void _CloseAMData();
@@ -119,6 +145,9 @@ private:
 
     std::vector<std::wstring> _partNames;
     std::vector<ManufacturingData> _manufacturingData;
+    std::vector<unsigned char> _out;
+    std::size_t _outUsed = 0;
+    std::int64_t _outStart = 0;
     std::uint32_t _recordBlocks = 0;
     std::uint32_t _totalBlocks = 0;
     std::uint32_t _recordCount = 0;

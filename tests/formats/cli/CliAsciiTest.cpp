@@ -2,14 +2,21 @@
 // callers meet (a resolution of 6 read two ways, an empty layer counted but not written).
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
+#include <limits>
 #include <sstream>
 
 #include "BuildGenerator.h"
 #include "FormatTestKit.h"
 #include "formats/cli/M2DSliceIO_cli_ascii.h"
+#include "formats/cli/NumberText.h"
+#include "framework/ConvertKernels.h"
 #include "framework/LocalClock.h"
 #include "framework/M2DSliceContainerIO.h"
+#include "framework/M2DSliceContainerIterator.h"
 #include "framework/M2DSliceIOFactory.h"
 #include "tests/TestSupport.h"
 
@@ -166,6 +173,27 @@ TEST(M2DSliceIO_cli_ascii, RoundTripsAndItsQuirksStay)
     ASSERT_TRUE(stack) << reason;
     kit::ExpectSameBuild({&build}, *stack, FormatRegistry::ForCode(56)->Losses | FormatLoss_OpenContours, 5);
 
+    // The lazy reader reaches each layer by its index, in any order, as a reader going through
+    // the layers one after the other has it.
+    std::vector<M2DSlice> inOrder;
+    {
+        M2DSliceIO_cli_ascii reader;
+        ASSERT_TRUE(reader.OpenFile(dir.WFile("r.cli"), I2DSliceIO::Read) && reader.ReadHeader(nullptr));
+        for (M2DSlice slice; reader.ReadLayer(slice, nullptr, true);)
+            inOrder.push_back(slice);
+        reader.CloseFile();
+    }
+    M2DSliceContainerIterator it(dir.WFile("r.cli"), 56, true, 0, true);
+    ASSERT_TRUE(it.IsValid());
+    ASSERT_EQ(it.GetNumSlices(), 4u);
+    ASSERT_EQ(inOrder.size(), 4u);
+    for (std::uint64_t i : {3u, 0u, 2u, 2u, 1u, 3u})
+    {
+        M2DSlice slice;
+        it.GetSlice(slice, i);
+        ExpectSameSlice(inOrder[i], slice, "iterator layer " + std::to_string(i));
+    }
+
     // A resolution of 6 writes "$$UNITS/0.166667": code 0 rounds 1 / 0.166667 to 6, code 56
     // truncates it to 5, so the same file reads at two scales.
     ASSERT_TRUE(Write(*MakeStack({6000}), dir.File("six.cli"), 6));
@@ -201,4 +229,131 @@ TEST(M2DSliceIO_cli_ascii, RoundTripsAndItsQuirksStay)
     const std::string bytes = ReadFile(dir.File("r.cli"));
     kit::SweepTruncations(56, bytes, options);
     kit::SweepCorruptions(56, bytes, options);
+}
+
+// Numbers in layer lines are read as the string conversions read each piece: odd spellings,
+// long decimals, a carriage return before the line's end; a bad piece throws their exceptions.
+TEST(M2DSliceIO_cli_ascii, NumbersReadAsTheStringConversionsReadThem)
+{
+    ScratchDir dir;
+    const std::string path = dir.File("n.cli");
+    const std::string head = "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$VERSION/200\n$$DIMENSION/0,0,0,1,1,1\n"
+                             "$$LAYERS/1\n$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/0.5\n";
+    std::vector<std::string> pieces = {"-0", "0", "1.", ".5", "-.5", "007", "1e3", "1.5E-2", " 5", "+5", "5 ", "0x10",
+                                       "123456789012345", "1234567890123456", "0.123456789012345", "0.1234567890123456",
+                                       "-98765.4321098765", "12345678901234567890", "0.00005", "-0.00015", "2.5e-4"};
+    std::uint64_t seed = 99;
+    for (int i = 0; i < 4000; ++i)
+    {
+        seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+        std::string digits = std::to_string(seed >> (seed % 40));
+        const std::size_t point = (seed >> 8) % (digits.size() + 1);
+        if (point < digits.size())
+            digits.insert(point, ".");
+        pieces.push_back((seed & 1 ? "-" : "") + digits);
+    }
+    while (pieces.size() % 4 != 3)
+        pieces.push_back("1");
+    pieces.push_back("7\r"); // the line's last piece
+    std::string line = "$$HATCHES/1," + std::to_string(pieces.size() / 4);
+    for (const std::string& piece : pieces)
+        line += "," + piece;
+    WriteFile(path, head + line + "\n$$HATCHES/2,1,1,2,3,4\r\n$$GEOMETRYEND\n");
+    M2DSliceStack stack;
+    ASSERT_TRUE(M2DSliceContainerIO(56).ReadContainer(stack, Wide(path), true, nullptr));
+    const M2DSliceVectorLayer& vectors = *stack.GetSlice(0)->GetVectors();
+    ASSERT_EQ(vectors.GetNumVectorBlocks(), 2u);
+    const auto& read = vectors.GetVectorBlock(0)->Vectors;
+    ASSERT_EQ(read.size() * 4, pieces.size());
+    for (std::size_t i = 0; i < pieces.size(); ++i)
+    {
+        const M2DSliceVector& v = read[i / 4];
+        const int got[4] = {v.x1, v.y1, v.x2, v.y2};
+        EXPECT_EQ(got[i % 4], ConvertKernels::Round(std::stod(pieces[i]) * 10000.0)) << "\"" << pieces[i] << "\"";
+    }
+    EXPECT_EQ(vectors.GetVectorBlock(1)->Vectors.at(0).y2, 40000);
+
+    // Bad pieces: the exception and its text.
+    const auto failure = [&](const std::string& bad) -> std::string {
+        WriteFile(path, head + bad + "\n");
+        M2DSliceStack ignored;
+        try
+        {
+            M2DSliceContainerIO(56).ReadContainer(ignored, Wide(path), true, nullptr);
+        }
+        catch (const std::invalid_argument& e)
+        {
+            return std::string("invalid_argument: ") + e.what();
+        }
+        catch (const std::out_of_range& e)
+        {
+            return std::string("out_of_range: ") + e.what();
+        }
+        return "none";
+    };
+    EXPECT_EQ(failure("$$HATCHES/1,1,1,2,x,4"), "invalid_argument: invalid stod argument");
+    EXPECT_EQ(failure("$$HATCHES/1,1,1,2,,4"), "invalid_argument: invalid stod argument");
+    EXPECT_EQ(failure("$$HATCHES/1,1,1,2,1e999,4"), "out_of_range: stod argument out of range");
+    EXPECT_EQ(failure("$$HATCHES/1,2,1,2,3,4"), "out_of_range: invalid vector subscript");
+    EXPECT_EQ(failure("$$HATCHES/1,2,1,2,3,4,5,6,7,"), "invalid_argument: invalid stod argument");
+    EXPECT_EQ(failure("$$HATCHES/1,99999999999,1"), "out_of_range: stoi argument out of range");
+    EXPECT_EQ(failure("$$POLYLINE/z,1,1,0,0"), "invalid_argument: invalid stoi argument");
+    EXPECT_EQ(failure("$$POLYLINE/"), "invalid_argument: invalid stoi argument");
+    EXPECT_EQ(failure("$$POLYLINE/1,1,2,0,0,5"), "out_of_range: invalid vector subscript");
+    EXPECT_EQ(failure("$$POLYLINE/1,1,1,0,0,junk after the count"), "none");
+}
+
+// The fast general form gives printf's "%g" text for every value: quotients of coordinates by
+// the usual steps, values at the edges of the fixed form, near powers of ten and rounding
+// ties, and raw bit patterns over the whole range.
+TEST(NumberText, FormatsAsPrintfGeneral)
+{
+    std::size_t checked = 0, wrong = 0;
+    const auto check = [&](double value) {
+        char expected[64], got[NumberText::kGeneralMax + 1] = {};
+        std::snprintf(expected, sizeof expected, "%g", value);
+        *NumberText::FormatGeneral(got, value) = '\0';
+        ++checked;
+        if (std::strcmp(expected, got) != 0 && ++wrong <= 10)
+            ADD_FAILURE() << "value " << std::hexfloat << value << ": \"" << got << "\" not \"" << expected << "\"";
+    };
+    for (double v : {0.0, -0.0, 1.0, -1.0, 0.5, 1e-4, 1e-5, 9.99999e-5, 0.0001000005, 999999.0, 999999.4, 999999.5,
+                     999999.6, 1e6, 123456.5, 12345.65, 0.1234565, 2.5, 100000.0, 99999.95, 0.00099999995,
+                     std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+                     std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::denorm_min(),
+                     std::numeric_limits<double>::max()})
+        check(v);
+    for (int e = -6; e <= 7; ++e)
+    {
+        const double p = std::pow(10.0, e);
+        double below = p, above = p;
+        for (int k = 0; k < 50; ++k)
+        {
+            check(below = std::nextafter(below, 0.0));
+            check(above = std::nextafter(above, 1e300));
+            check(-above);
+            check(p * (1 - 5e-7) + k * p * 1e-9); // around the rounding of the sixth digit
+        }
+    }
+    std::uint64_t seed = 12345;
+    const auto next = [&seed] {
+        seed = seed * 6364136223846793005ull + 1442695040888963407ull;
+        return seed;
+    };
+    const double steps[] = {1.0, 10.0, 10000.0 / 7, 10000.0 / 6, 10000.0 / 3, 100.0, 0.1, 10000.0 / 254};
+    for (int i = 0; i < 400000; ++i)
+    {
+        const std::uint64_t r = next();
+        const int x = static_cast<int>(r >> 32) >> static_cast<int>(r % 31);
+        check(x / steps[i % 8]);
+        // Halves and other short fractions, where the sixth digit can sit on a tie.
+        check(static_cast<double>(static_cast<int>(r >> 40) % 2000000) / (i % 2 ? 2.0 : 16.0));
+        double bits;
+        const std::uint64_t raw = next();
+        std::memcpy(&bits, &raw, sizeof bits);
+        check(bits);
+        // Values from 1e-5 to 1e7 spread evenly in their exponent.
+        check(std::pow(10.0, -5 + 12 * (next() >> 11) * 0x1p-53));
+    }
+    EXPECT_EQ(wrong, 0u) << "of " << checked;
 }

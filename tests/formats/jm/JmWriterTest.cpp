@@ -301,6 +301,34 @@ TEST(M2DSliceIO_jm, EndCodesMeetingARecordsEndKeepTheFrame)
             }
     EXPECT_TRUE(closingAlone) << "a record holding only the closing codes";
     EXPECT_TRUE(filler) << "a filler word before a record's end";
+
+    // A file of some megabytes, over two layers, goes out in runs of records: the counts and
+    // lengths filled in later hold in every record, and the header's totals at the end.
+    {
+        std::vector<M2DSlice> layers(2);
+        for (int z = 0; z < 2; ++z)
+        {
+            layers[z].SetZ(z * 1000);
+            for (int b = 0; b < 60; ++b)
+            {
+                std::vector<M2DSliceVector> vectors;
+                for (int i = 0; i < 1000 + b; ++i)
+                    vectors.emplace_back(i * 10, b * 10, i * 10 + 5, b * 10 + 7);
+                AddBlock(layers[z], vectors, e2DSliceVectorType_Hatch);
+            }
+        }
+        const std::string file = WriteJm(layers, dir.File("big.jm"));
+        ASSERT_GT(file.size(), 2u << 20);
+        const auto records = Records(file);
+        EXPECT_EQ(ByteOrder::LoadLE<std::uint32_t>(file.data() + 328), records.size());
+        EXPECT_EQ(ByteOrder::LoadLE<std::uint32_t>(file.data() + 332), 120u); // blocks
+        EXPECT_EQ(ByteOrder::LoadLE<std::int64_t>(file.data() + 400), 2 * (60 * 1000 + 59 * 60 / 2)); // free lines
+        EXPECT_EQ(ByteOrder::LoadLE<std::uint32_t>(file.data() + 460), 2u); // layers
+        std::size_t freeLines = 0;
+        for (const auto& r : records)
+            freeLines += static_cast<std::size_t>(std::count(r.begin(), r.end(), M2DSliceIO_jm::FreeLine));
+        EXPECT_EQ(freeLines, 2u * (60 * 1000 + 59 * 60 / 2));
+    }
 }
 
 TEST(M2DSliceIO_jm, ReadingStopsAtTheFirstBlock)
