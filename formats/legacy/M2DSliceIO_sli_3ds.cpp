@@ -300,20 +300,25 @@ bool M2DSliceIO_sli_3ds::_FetchLayer(ILayerInput& input, bool vectors)
             input.EndContour(false);
             return _FailAt("invalid section code " + std::to_string(code), at);
         }
-        const bool contours = code == 1;
-        if (!contours && !vectors)
+        // The size counts the section's 16-bit words, and the section takes all of them on
+        // every path: n whole vectors are read from it and a rest of fewer than four words is
+        // passed over, so that reading and scanning meet the next code at the same byte.
+        const std::int64_t sectionBytes = 2 * std::int64_t{size};
+        if (fileSize - _file.TELL() < sectionBytes)
         {
-            if (fileSize - _file.TELL() < 2 * std::int64_t{size})
-                return _FailAt("section larger than the rest of the file", at);
-            _file.SEEK(2 * std::int64_t{size}, 1);
+            input.EndContour(false);
+            return _FailAt("section larger than the rest of the file", at);
         }
-        else if (n > 0)
+        const bool contours = code == 1;
+        if ((!contours && !vectors) || n == 0)
+            _file.SEEK(sectionBytes, 1);
+        else
         {
             ByteCursor values;
-            if (fileSize - _file.TELL() < static_cast<std::int64_t>(8 * n) || !ReadRecord(_file, 8 * n, storage, values))
+            if (!ReadRecord(_file, 8 * n, storage, values))
             {
                 input.EndContour(false);
-                return _FailAt("section larger than the rest of the file", at);
+                return _FailAt("section unreadable", at);
             }
             const unsigned char* raw = values.Data();
             if (contours && !_readOptions.ReadBordersAsVectors)
@@ -365,6 +370,9 @@ bool M2DSliceIO_sli_3ds::_FetchLayer(ILayerInput& input, bool vectors)
                 input.AddVectors(_vectors.data(), n);
                 input.EndVectorBlock(true);
             }
+            // The view into the file's buffer is done with: the rest of the section is passed.
+            if (sectionBytes > static_cast<std::int64_t>(8 * n))
+                _file.SEEK(sectionBytes - static_cast<std::int64_t>(8 * n), 1);
         }
         codeByte = _file.ReadView(1);
         if (!codeByte)
