@@ -7,6 +7,7 @@
 #include "../../framework/ByteCursor.h"
 #include "../../framework/ConvertKernels.h"
 #include "LegacyBuffer.h"
+#include "LegacyWindow.h"
 
 namespace {
 
@@ -235,6 +236,7 @@ bool M2DSliceIO_slc::_CheckHeaderIsASCII(std::uint64_t length)
 
 bool M2DSliceIO_slc::_ReadHeader(ITarget2DSlices* /*target*/)
 {
+    _chunk = legacy::InWindow::kChunk;
     _file.REWIND();
     if (!_file.SEARCH_STRING(kTerminator, kHeaderSearch, true))
         return _Fail("no header end (0D 0A 1A) within the first 2048 bytes: not an SLC file");
@@ -285,64 +287,69 @@ bool M2DSliceIO_slc::_ReadFooter(ITarget2DSlices* /*target*/) { return true; }
 
 bool M2DSliceIO_slc::_FetchLayer(ILayerInput& input)
 {
-    const std::int64_t fileSize = _file.GET_SIZE();
-    const std::int64_t start = _file.TELL();
-    const char* head = _file.ReadView(4);
-    if (!head)
+    legacy::InWindow in(_file, _chunk);
+    const std::int64_t fileSize = in.FileSize();
+    const std::int64_t start = in.Tell();
+    if (!in.Ensure(4))
         return start >= fileSize ? false : _FailAt("layer height cut short", start);
     const double c = _GetConversionFactor();
-    input.SetZ(Round(static_cast<double>(ByteOrder::LoadLE<float>(head)) * c));
-    const char* count = _file.ReadView(4);
-    if (!count)
-        return _FailAt("boundary count cut short", _file.TELL());
-    const std::uint32_t boundaries = ByteOrder::LoadLE<std::uint32_t>(count);
+    input.SetZ(Round(static_cast<double>(ByteOrder::LoadLE<float>(in.Data())) * c));
+    in.Skip(4);
+    if (!in.Ensure(4))
+        return _FailAt("boundary count cut short", in.Tell());
+    const std::uint32_t boundaries = ByteOrder::LoadLE<std::uint32_t>(in.Data());
+    in.Skip(4);
     if (boundaries == kEndOfLayers)
         return false; // the end record
 
+    // Two-point boundaries, and every boundary when borders are read as vectors, gather as
+    // runs of vectors in the file's own float form and go to the input converted a run at a
+    // time.
     input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Border), 0);
-    _vectors.clear();
+    _raw.resize(16 * kPendingVectors);
+    std::size_t pending = 0;
     const auto flushVectors = [&] {
-        if (!_vectors.empty())
-            input.AddVectors(_vectors.data(), _vectors.size());
-        _vectors.clear();
+        if (pending > 0)
+            ConvertKernels::AddVectorRun(input, _raw.data(), pending, ConvertKernels::RawKind::FloatLE, c);
+        pending = 0;
     };
     const bool asVectors = _readOptions.ReadBordersAsVectors;
-    std::vector<unsigned char> storage;
     bool ok = true;
     for (std::uint32_t b = 0; b < boundaries && ok; ++b)
     {
-        const std::int64_t at = _file.TELL();
-        const char* bh = _file.ReadView(8);
-        if (!bh)
+        const std::int64_t at = in.Tell();
+        if (!in.Ensure(8))
         {
             ok = _FailAt("boundary " + std::to_string(b) + " cut short", at);
             break;
         }
-        const std::uint32_t n = ByteOrder::LoadLE<std::uint32_t>(bh); // the gap count behind it is not used
+        const std::uint32_t n = ByteOrder::LoadLE<std::uint32_t>(in.Data()); // the gap count behind it is not used
+        in.Skip(8);
         if (n < 2)
             continue; // no vertices are read, even for a count of 1
         const std::uint64_t bytes = std::uint64_t{n} * 8;
-        ByteCursor points;
-        if (static_cast<std::uint64_t>(fileSize - at - 8) < bytes || !ReadRecord(_file, bytes, storage, points))
+        const unsigned char* points =
+            static_cast<std::uint64_t>(fileSize - at - 8) < bytes ? nullptr : in.Record(bytes, _storage);
+        if (!points)
         {
             ok = _FailAt("boundary of " + std::to_string(n) + " vertices larger than the rest of the file", at);
             break;
         }
-        _coords.resize(std::size_t{n} * 2);
-        ConvertKernels::ConvertValues(points.Data(), std::size_t{n} * 2, ConvertKernels::RawKind::FloatLE, c,
-                                      _coords.data());
-        const int* p = _coords.data();
         if (n == 2 || asVectors)
         {
+            // Vector i runs from point i to point i + 1: the 16 bytes at 8 i.
             for (std::uint32_t i = 0; i + 1 < n; ++i)
             {
-                _vectors.emplace_back(p[2 * i], p[2 * i + 1], p[2 * i + 2], p[2 * i + 3]);
-                if (_vectors.size() >= kPendingVectors)
+                std::memcpy(_raw.data() + 16 * pending, points + 8 * std::size_t{i}, 16);
+                if (++pending == kPendingVectors)
                     flushVectors();
             }
             continue;
         }
         flushVectors();
+        _coords.resize(std::size_t{n} * 2);
+        ConvertKernels::ConvertValues(points, std::size_t{n} * 2, ConvertKernels::RawKind::FloatLE, c, _coords.data());
+        const int* p = _coords.data();
         input.StartContour(e2DSliceVectorType_Border);
         input.SetContourOuter(false);
         for (std::uint32_t i = 0; i + 1 < n; ++i)

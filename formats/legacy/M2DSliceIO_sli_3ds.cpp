@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
 #include "../../framework/ByteCursor.h"
 #include "../../framework/ConvertKernels.h"
 #include "LegacyBuffer.h"
+#include "LegacyConvert.h"
 
 namespace {
 
@@ -24,6 +26,36 @@ inline std::int16_t Step(std::int32_t value, double f)
     const double scaled = static_cast<double>(value) / f + 0.5;
     const std::int64_t steps = std::fabs(scaled) < 9.0e18 ? static_cast<std::int64_t>(scaled) : 0;
     return static_cast<std::int16_t>(static_cast<std::uint16_t>(steps));
+}
+
+// Round for a product inside the int range, without a branch on the value.
+inline int RoundInRange(double x)
+{
+    const int whole = static_cast<int>(x);
+    const double fraction = x - static_cast<double>(whole);
+    return whole + (fraction >= 0.5) - (fraction <= -0.5);
+}
+
+// The box of n vectors of 16-bit values in internal units, from the extreme values: for a
+// factor f whose products all stay inside the int range, where rounding keeps their order.
+M2DSliceXYArea RawBox(const unsigned char* raw, std::size_t n, double f)
+{
+    std::int32_t loX = INT32_MAX, loY = INT32_MAX, hiX = INT32_MIN, hiY = INT32_MIN;
+    for (std::size_t k = 0; k < n; ++k, raw += 8)
+    {
+        const std::int32_t x0 = ByteOrder::LoadLE<std::int16_t>(raw);
+        const std::int32_t y0 = ByteOrder::LoadLE<std::int16_t>(raw + 2);
+        const std::int32_t x1 = ByteOrder::LoadLE<std::int16_t>(raw + 4);
+        const std::int32_t y1 = ByteOrder::LoadLE<std::int16_t>(raw + 6);
+        loX = std::min(loX, std::min(x0, x1));
+        hiX = std::max(hiX, std::max(x0, x1));
+        loY = std::min(loY, std::min(y0, y1));
+        hiY = std::max(hiY, std::max(y0, y1));
+    }
+    M2DSliceXYArea box;
+    box.Extend(RoundInRange(loX * f), RoundInRange(loY * f));
+    box.Extend(RoundInRange(hiX * f), RoundInRange(hiY * f));
+    return box;
 }
 
 // A section holds all r vectors that are left if 4 r is below 65535, else 3.
@@ -279,6 +311,8 @@ bool M2DSliceIO_sli_3ds::_FetchLayer(ILayerInput& input, bool vectors)
         return _FailAt("layer height cut short", start + 1);
     const double f = _GetConversionFactor();
     input.SetZ(Round(ByteOrder::LoadLE<std::int16_t>(zBytes) * f));
+    // Whether every 16-bit value converts inside the int range, where rounding keeps order.
+    const bool measureBox = f > 0 && 32768.0 * f < 2147483647.0;
 
     std::int32_t endX = kNoPoint, endY = kNoPoint;     // end of the contour under way
     std::int32_t firstX = kNoPoint, firstY = kNoPoint; // its first point
@@ -361,13 +395,30 @@ bool M2DSliceIO_sli_3ds::_FetchLayer(ILayerInput& input, bool vectors)
             else
             {
                 input.StartVectorBlock(M2DSliceVectorTypeInfo(kind), n);
-                _vectors.resize(n);
-                for (std::size_t k = 0; k < n; ++k, raw += 8)
-                    _vectors[k] = M2DSliceVector(Round(ByteOrder::LoadLE<std::int16_t>(raw) * f),
-                                                 Round(ByteOrder::LoadLE<std::int16_t>(raw + 2) * f),
-                                                 Round(ByteOrder::LoadLE<std::int16_t>(raw + 4) * f),
-                                                 Round(ByteOrder::LoadLE<std::int16_t>(raw + 6) * f));
-                input.AddVectors(_vectors.data(), n);
+                if (measureBox)
+                {
+                    // Rounding keeps the order of the products, so the box of the vectors is
+                    // the box of the extreme values, converted; a scanner needs no more.
+                    const M2DSliceXYArea box = RawBox(raw, n, f);
+                    if (input.MeasuresOnly())
+                        input.AddVectorsArea(box, n);
+                    else
+                    {
+                        _vectors.resize(n);
+                        legacy::ConvertInt16Vectors(raw, n, f, _vectors.data());
+                        input.AddMeasuredVectors(_vectors.data(), n, box);
+                    }
+                }
+                else
+                {
+                    _vectors.resize(n);
+                    for (std::size_t k = 0; k < n; ++k, raw += 8)
+                        _vectors[k] = M2DSliceVector(Round(ByteOrder::LoadLE<std::int16_t>(raw) * f),
+                                                     Round(ByteOrder::LoadLE<std::int16_t>(raw + 2) * f),
+                                                     Round(ByteOrder::LoadLE<std::int16_t>(raw + 4) * f),
+                                                     Round(ByteOrder::LoadLE<std::int16_t>(raw + 6) * f));
+                    input.AddVectors(_vectors.data(), n);
+                }
                 input.EndVectorBlock(true);
             }
             // The view into the file's buffer is done with: the rest of the section is passed.

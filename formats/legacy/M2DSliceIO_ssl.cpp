@@ -7,12 +7,14 @@
 #include "../../contracts/StringConversion.h"
 #include "../../framework/ConvertKernels.h"
 #include "LegacyBuffer.h"
+#include "LegacyWindow.h"
 
 namespace {
 
 using ConvertKernels::Round;
 
 const char kDelimiters[] = " \r\n";
+constexpr std::size_t kPendingVectors = 1024;
 constexpr std::size_t kPathCharacters = 256;
 
 inline bool IsDigit(int c) { return c >= '0' && c <= '9'; }
@@ -39,7 +41,12 @@ std::size_t M2DSliceIO_ssl::FormatFixed6(float value, char* out)
     const double scaled = static_cast<double>(value) * 1e6;
     if (!(std::fabs(scaled) < 9.0e15))
         return static_cast<std::size_t>(std::snprintf(out, 64, "%f", static_cast<double>(value)));
-    const double rounded = std::nearbyint(std::fabs(scaled));
+    // Adding and taking away 2^52 leaves the nearest integer, halves to even, for any
+    // magnitude below 2^52 (from there on every double is an integer): the same as
+    // nearbyint in the default rounding mode, without the library call.
+    constexpr double kTwo52 = 4503599627370496.0;
+    const double magnitude = std::fabs(scaled);
+    const double rounded = magnitude < kTwo52 ? (magnitude + kTwo52) - kTwo52 : magnitude;
     auto units = static_cast<std::uint64_t>(rounded);
     char digits[32];
     int n = 0;
@@ -132,6 +139,7 @@ bool M2DSliceIO_ssl::_WriteFooter(const std::vector<const ISource2DSlices*>& /*s
 
 bool M2DSliceIO_ssl::_ReadHeader(ITarget2DSlices* /*target*/)
 {
+    _chunk = legacy::InWindow::kChunk;
     _file.REWIND();
     if (!_file.SEARCH_STRING("SLICES()", -1, false))
         return _Fail("no \"SLICES()\" line: not an SSL file");
@@ -206,28 +214,130 @@ bool M2DSliceIO_ssl::_ReadStringWithSkipDelimitersOnBegin(char* out, const char*
     return true;
 }
 
-bool M2DSliceIO_ssl::_ReadPoint(int& x, int& y)
+namespace {
+
+// What a token of a layer is: its text up to a zero byte and at most 15 bytes, compared
+// with the four words of the format.
+enum class Word
+{
+    Number, // anything else
+    Z,
+    End,
+    Closed,
+    Open,
+};
+
+inline bool IsDelimiter(int c) { return c == ' ' || c == '\r' || c == '\n'; }
+
+// The fraction places 10^-k as repeated division gives them, in float and in double: the
+// values the digit loops would compute, taken from a table.
+constexpr int kPlaces = 40;
+struct Places
+{
+    Places()
+    {
+        float f = 1.0f;
+        double d = 1.0;
+        for (int k = 0; k < kPlaces; ++k)
+        {
+            f /= 10.0f;
+            d /= 10.0;
+            Float[k] = f;
+            Double[k] = d;
+        }
+    }
+    float Float[kPlaces];
+    double Double[kPlaces];
+};
+const Places kPlace;
+
+// Reads the next token that is not empty, as _ReadStringWithSkipDelimitersOnBegin does, and
+// tells which word it is; false at the end of the file.
+bool NextWord(legacy::InWindow& in, Word& word)
 {
     int c;
     do
-        c = _file.GETC();
+        c = in.Get();
+    while (c > 0 && IsDelimiter(c));
+    if (c < 0)
+        return false;
+    char text[4] = {};
+    std::size_t n = 0;
+    bool zero = false; // a zero byte ends the text
+    for (; c >= 0 && !(c > 0 && IsDelimiter(c)); c = in.Get())
+    {
+        if (c == 0)
+            zero = true;
+        if (!zero && n < 4)
+            text[n] = static_cast<char>(c);
+        if (!zero)
+            ++n;
+    }
+    if (n == 1 && text[0] == 'Z')
+        word = Word::Z;
+    else if (n == 1 && text[0] == 'C')
+        word = Word::Closed;
+    else if (n == 1 && text[0] == 'O')
+        word = Word::Open;
+    else if (n == 3 && text[0] == 'E' && text[1] == 'N' && text[2] == 'D')
+        word = Word::End;
+    else
+        word = Word::Number;
+    return true;
+}
+
+// A float as I2DSliceIO::_ReadTextValue reads it: the first digit onwards, a fraction after
+// '.' or ',', one byte behind the number consumed.
+bool ReadFloat(legacy::InWindow& in, float& value)
+{
+    value = 0.0f;
+    int c;
+    do
+        c = in.Get();
+    while (c >= 0 && !IsDigit(c));
+    if (c < 0)
+        return false;
+    for (; IsDigit(c); c = in.Get())
+        value = value * 10.0f + static_cast<float>(c - '0');
+    if (c == ',' || c == '.')
+    {
+        float place = 1.0f;
+        int k = 0;
+        for (c = in.Get(); IsDigit(c); c = in.Get(), ++k)
+        {
+            place = k < kPlaces ? kPlace.Float[k] : place / 10.0f;
+            value += static_cast<float>(c - '0') * place;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+// X by hand in double, digit by digit, Y as a float text value.
+bool M2DSliceIO_ssl::_ReadPoint(legacy::InWindow& in, int& x, int& y)
+{
+    int c;
+    do
+        c = in.Get();
     while (c >= 0 && !IsDigit(c));
     if (c < 0)
         return false;
     double value = 0.0;
-    for (; IsDigit(c); c = _file.GETC())
+    for (; IsDigit(c); c = in.Get())
         value = value * 10.0 + (c - '0');
     if (c == '.' || c == ',')
     {
         double place = 1.0;
-        for (c = _file.GETC(); IsDigit(c); c = _file.GETC())
+        int k = 0;
+        for (c = in.Get(); IsDigit(c); c = in.Get(), ++k)
         {
-            place /= 10.0;
+            place = k < kPlaces ? kPlace.Double[k] : place / 10.0;
             value += (c - '0') * place;
         }
     }
     float yValue;
-    if (!_ReadTextValue(yValue))
+    if (!ReadFloat(in, yValue))
         return false;
     const double unit = _properties.UnitConversionFactor;
     x = Round(value * unit);
@@ -237,55 +347,68 @@ bool M2DSliceIO_ssl::_ReadPoint(int& x, int& y)
 
 bool M2DSliceIO_ssl::_FetchLayer(ILayerInput& input, bool /*flag*/)
 {
-    const std::int64_t start = _file.TELL();
-    const int first = _file.GETC();
+    legacy::InWindow in(_file, _chunk);
+    const std::int64_t start = in.Tell();
+    const int first = in.Get();
     if (first != 'Z')
     {
-        _file.SEEK(start, 0);
+        in.Seek(start);
         // "END" or the end of the file close the layers; anything else is damage.
         return first < 0 || first == 'E' ? false : _FailAt("a layer does not start with \"Z\"", start);
     }
     float z, thickness;
-    if (!_ReadTextValue(z) || !_ReadTextValue(thickness))
+    if (!ReadFloat(in, z) || !ReadFloat(in, thickness))
         return _FailAt("the \"Z\" line is cut short", start);
     const double unit = _properties.UnitConversionFactor;
     input.SetZ(Round(static_cast<double>(z) * unit));
 
-    char token[16];
-    std::int64_t mark = _file.TELL();
+    // Every "O" line is a vector block of its own. A reader whose blocks of one label are
+    // merged afterwards gets them in one block straight away, which is what the merge would
+    // make of them; a scanner counts every block.
+    const bool measures = input.MeasuresOnly();
+    const bool oneBlock = !measures && _readOptions.VectorBlocks.MergeBlocks;
+    bool blockOpen = false;
+    _vectors.clear();
+    const auto addVectors = [&] {
+        if (!_vectors.empty())
+            input.AddVectors(_vectors.data(), _vectors.size());
+        _vectors.clear();
+    };
+
+    Word word;
+    std::int64_t mark = in.Tell();
     std::uint64_t n = 0; // number tokens since the last "C" or "O"
     for (;;)
     {
-        if (!_ReadStringWithSkipDelimitersOnBegin(token, kDelimiters, sizeof token))
+        if (!NextWord(in, word))
         {
             input.EndContour(false);
             return _FailAt("a layer is not closed by \"Z\" or \"END\"", start);
         }
-        if (std::strcmp(token, "Z") == 0)
+        if (word == Word::Z)
         {
-            _file.SEEK(-2, 1);
+            in.Seek(in.Tell() - 2);
             break;
         }
-        if (std::strcmp(token, "END") == 0)
+        if (word == Word::End)
         {
-            _file.SEEK(-4, 1);
+            in.Seek(in.Tell() - 4);
             break;
         }
-        const bool closed = std::strcmp(token, "C") == 0;
-        if (!closed && std::strcmp(token, "O") != 0)
+        if (word == Word::Number)
         {
             ++n;
             continue;
         }
-        _file.SEEK(mark, 0);
+        in.Seek(mark);
         int x, y;
-        if (closed)
+        if (word == Word::Closed)
         {
             input.StartContour(e2DSliceVectorType_None);
             input.SetContourClosed(true);
             for (std::uint64_t i = 0; i < n / 2; ++i)
             {
-                if (!_ReadPoint(x, y))
+                if (!_ReadPoint(in, x, y))
                     return _FailAt("a point of a contour is cut short", mark);
                 input.AddContourPoint(x, y);
             }
@@ -294,25 +417,39 @@ bool M2DSliceIO_ssl::_FetchLayer(ILayerInput& input, bool /*flag*/)
         {
             if (n > 4)
                 n = 2 * n - 4;
-            input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_None), 0);
-            if (!_ReadPoint(x, y))
+            if (!oneBlock || !blockOpen)
+                input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_None), 0);
+            blockOpen = true;
+            if (!_ReadPoint(in, x, y))
                 return _FailAt("a point of a line is cut short", mark);
             for (std::uint64_t i = 0; i < n / 4; ++i)
             {
                 int nx, ny;
-                if (!_ReadPoint(nx, ny))
+                if (!_ReadPoint(in, nx, ny))
                     return _FailAt("a point of a line is cut short", mark);
-                input.AddVector(M2DSliceVector(x, y, nx, ny));
+                _vectors.emplace_back(x, y, nx, ny);
+                if (_vectors.size() >= kPendingVectors)
+                    addVectors();
                 x = nx;
                 y = ny;
             }
-            input.EndVectorBlock(true);
+            if (!oneBlock)
+            {
+                // A scanner only widens the layer's box by the vectors: they may reach it in
+                // runs that cross the blocks it counts.
+                if (!measures)
+                    addVectors();
+                input.EndVectorBlock(true);
+            }
         }
         // Past the closing letter, and on to the next run.
-        _ReadStringWithSkipDelimitersOnBegin(token, kDelimiters, sizeof token);
-        mark = _file.TELL();
+        NextWord(in, word);
+        mark = in.Tell();
         n = 0;
     }
+    addVectors();
+    if (oneBlock && blockOpen)
+        input.EndVectorBlock(true);
     input.EndContour(false);
     return true;
 }

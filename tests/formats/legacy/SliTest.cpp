@@ -212,6 +212,7 @@ TEST(SliTest, RoundTripAndDamage)
     auto back = kit::RoundTrip(3, {&joined}, dir.File("r.sli"), 10000, 100, &reason);
     ASSERT_TRUE(back) << reason;
     kit::ExpectSameBuild({&joined}, *back, FormatRegistry::ForCode(3)->Losses, 50);
+    legacy_test::ExpectScanMeasuresTheRead(3, dir.File("r.sli"));
 
     const BuildGenerator small(BuildShape::Rich(2, 1));
     const legacy::JoinedSource one({&small}, parameters);

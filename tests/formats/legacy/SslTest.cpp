@@ -142,6 +142,7 @@ TEST(SslTest, RoundTripAndDamage)
     auto back = kit::RoundTrip(5, {&build}, dir.File("r.ssl"), 10000, 1000, &reason);
     ASSERT_TRUE(back) << reason;
     kit::ExpectSameBuild({&build}, *back, FormatRegistry::ForCode(5)->Losses, 2);
+    legacy_test::ExpectScanMeasuresTheRead(5, dir.File("r.ssl"));
 
     const BuildGenerator small(BuildShape::Rich(2, 1));
     ASSERT_TRUE(kit::RoundTrip(5, {&small}, dir.File("s.ssl"), 10000, 1000, &reason)) << reason;
