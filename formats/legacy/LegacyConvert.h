@@ -5,6 +5,8 @@
 // Only for a factor whose products all stay inside the int range (|f| * 32768 below 2^31).
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <vector>
 
 #include "../../contracts/ByteOrder.h"
 #include "../../contracts/M2DSlice.h"
@@ -45,5 +47,41 @@ inline void ConvertInt16Vectors(const unsigned char* raw, std::size_t n, double 
                                 Round(ByteOrder::LoadLE<std::int16_t>(raw + 6) * f));
 #endif
 }
+
+// Float vectors (x1, y1, x2, y2, 16 bytes) gathered as the file has them, from records too
+// small to convert one by one, and handed to the input converted a run at a time. The owner
+// flushes before it ends the block they belong to.
+class PendingFloatVectors
+{
+public:
+    static constexpr std::size_t kRun = ConvertKernels::kVectorChunk;
+
+    PendingFloatVectors(I2DSliceIO::ILayerInput& input, double c, std::vector<unsigned char>& storage)
+        : _input(input), _c(c), _raw(storage)
+    {
+        _raw.resize(16 * kRun);
+    }
+    PendingFloatVectors(const PendingFloatVectors&) = delete;
+    PendingFloatVectors& operator=(const PendingFloatVectors&) = delete;
+
+    void Add(const unsigned char* vector16)
+    {
+        std::memcpy(_raw.data() + 16 * _count, vector16, 16);
+        if (++_count == kRun)
+            Flush();
+    }
+    void Flush()
+    {
+        if (_count > 0)
+            ConvertKernels::AddVectorRun(_input, _raw.data(), _count, ConvertKernels::RawKind::FloatLE, _c);
+        _count = 0;
+    }
+
+private:
+    I2DSliceIO::ILayerInput& _input;
+    const double _c;
+    std::vector<unsigned char>& _raw;
+    std::size_t _count = 0;
+};
 
 } // namespace legacy

@@ -7,6 +7,7 @@
 #include "../../framework/ByteCursor.h"
 #include "../../framework/ConvertKernels.h"
 #include "LegacyBuffer.h"
+#include "LegacyConvert.h"
 #include "LegacyWindow.h"
 
 namespace {
@@ -142,15 +143,7 @@ bool M2DSliceIO_fs::_WriteLayer(const std::vector<const ISource2DSlices*>& /*sou
 
 bool M2DSliceIO_fs::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool readVectors)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader, readVectors))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input, readVectors); });
 }
 
 bool M2DSliceIO_fs::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool readVectors)
@@ -182,13 +175,8 @@ bool M2DSliceIO_fs::_FetchLayer(ILayerInput& input, bool /*flag*/)
     // Vectors wait in one of two forms, floats as the file has them (converted a run at a
     // time) or already converted; switching form hands on what waits, so the order stays.
     _vectors.clear();
-    _raw.resize(16 * kPendingVectors);
-    std::size_t pendingRaw = 0;
-    const auto addRaw = [&] {
-        if (pendingRaw > 0)
-            ConvertKernels::AddVectorRun(input, _raw.data(), pendingRaw, ConvertKernels::RawKind::FloatLE, g);
-        pendingRaw = 0;
-    };
+    legacy::PendingFloatVectors pendingRaw(input, g, _raw);
+    const auto addRaw = [&] { pendingRaw.Flush(); };
     const auto addConverted = [&] {
         if (!_vectors.empty())
             input.AddVectors(_vectors.data(), _vectors.size());
@@ -285,9 +273,7 @@ bool M2DSliceIO_fs::_FetchLayer(ILayerInput& input, bool /*flag*/)
         addConverted();
         for (std::size_t k = 0; k + 1 < n; ++k)
         {
-            std::memcpy(_raw.data() + 16 * pendingRaw, raw + 8 * k, 16);
-            if (++pendingRaw == kPendingVectors)
-                addRaw();
+            pendingRaw.Add(raw + 8 * k);
         }
         endBlock();
     }

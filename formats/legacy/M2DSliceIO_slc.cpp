@@ -7,6 +7,8 @@
 #include "../../framework/ByteCursor.h"
 #include "../../framework/ConvertKernels.h"
 #include "LegacyBuffer.h"
+#include "LegacyConvert.h"
+#include "LegacyLayerLoop.h"
 #include "LegacyWindow.h"
 
 namespace {
@@ -17,7 +19,6 @@ const char kTerminator[] = "\r\n\x1a";
 constexpr std::int64_t kHeaderSearch = 2048; // the terminator stands within these bytes
 constexpr std::int64_t kReserved = 256;       // zero bytes behind the terminator
 constexpr std::uint32_t kEndOfLayers = 0xFFFFFFFFu;
-constexpr std::size_t kPendingVectors = 1024;
 
 bool SameEnd(const M2DSliceVector& before, const M2DSliceVector& next)
 {
@@ -162,20 +163,9 @@ bool M2DSliceIO_slc::_WriteLayer(const std::vector<const ISource2DSlices*>& sour
     }
     out.LE<std::uint32_t>(static_cast<std::uint32_t>(boundaries));
 
-    for (std::size_t i = 0; i < slices.size(); ++i)
-    {
-        if (!slices[i])
-            continue;
-        const ISource2DSlices* source = sources.empty() ? nullptr : sources[std::min(i, sources.size() - 1)];
-        const M2DSliceIOParameters* parameters = source ? source->GetSliceIOParameters() : nullptr;
-        const M2DSliceContourLayer& border = *slices[i]->GetSliceBorder();
-        const M2DSliceVectorLayer& vectors = *slices[i]->GetVectors();
-        const bool ok = !parameters || parameters->BordersFirst
-                            ? PutContours(out, border, f) && PutChains(out, vectors, f)
-                            : PutChains(out, vectors, f) && PutContours(out, border, f);
-        if (!ok)
-            break;
-    }
+    legacy::PutSlices(
+        sources, slices, [&](const M2DSliceContourLayer& border) { return PutContours(out, border, f); },
+        [&](const M2DSliceVectorLayer& vectors) { return PutChains(out, vectors, f); });
     // A failed write shows when the file is closed.
     out.Flush();
     return true;
@@ -266,15 +256,7 @@ bool M2DSliceIO_slc::_ReadHeader(ITarget2DSlices* /*target*/)
 
 bool M2DSliceIO_slc::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool /*readVectors*/)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input); });
 }
 
 bool M2DSliceIO_slc::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool /*readVectors*/)
@@ -306,13 +288,7 @@ bool M2DSliceIO_slc::_FetchLayer(ILayerInput& input)
     // runs of vectors in the file's own float form and go to the input converted a run at a
     // time.
     input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Border), 0);
-    _raw.resize(16 * kPendingVectors);
-    std::size_t pending = 0;
-    const auto flushVectors = [&] {
-        if (pending > 0)
-            ConvertKernels::AddVectorRun(input, _raw.data(), pending, ConvertKernels::RawKind::FloatLE, c);
-        pending = 0;
-    };
+    legacy::PendingFloatVectors pending(input, c, _raw);
     const bool asVectors = _readOptions.ReadBordersAsVectors;
     bool ok = true;
     for (std::uint32_t b = 0; b < boundaries && ok; ++b)
@@ -340,13 +316,11 @@ bool M2DSliceIO_slc::_FetchLayer(ILayerInput& input)
             // Vector i runs from point i to point i + 1: the 16 bytes at 8 i.
             for (std::uint32_t i = 0; i + 1 < n; ++i)
             {
-                std::memcpy(_raw.data() + 16 * pending, points + 8 * std::size_t{i}, 16);
-                if (++pending == kPendingVectors)
-                    flushVectors();
+                pending.Add(points + 8 * std::size_t{i});
             }
             continue;
         }
-        flushVectors();
+        pending.Flush();
         _coords.resize(std::size_t{n} * 2);
         ConvertKernels::ConvertValues(points, std::size_t{n} * 2, ConvertKernels::RawKind::FloatLE, c, _coords.data());
         const int* p = _coords.data();
@@ -367,7 +341,7 @@ bool M2DSliceIO_slc::_FetchLayer(ILayerInput& input)
             input.AddContourPoint(lastX, lastY);
         }
     }
-    flushVectors();
+    pending.Flush();
     input.EndVectorBlock(true);
     input.EndContour(false);
     return ok;

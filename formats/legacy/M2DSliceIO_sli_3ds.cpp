@@ -9,6 +9,7 @@
 #include "../../framework/ByteCursor.h"
 #include "../../framework/ConvertKernels.h"
 #include "LegacyBuffer.h"
+#include "LegacyLayerLoop.h"
 #include "LegacyConvert.h"
 
 namespace {
@@ -209,20 +210,9 @@ bool M2DSliceIO_sli_3ds::_WriteLayer(const std::vector<const ISource2DSlices*>& 
     const double scaledZ = static_cast<double>(z) / f;
     const std::int64_t zSteps = std::fabs(scaledZ) < 9.0e18 ? static_cast<std::int64_t>(scaledZ) : 0;
     out.LE<std::int16_t>(static_cast<std::int16_t>(static_cast<std::uint16_t>(zSteps)));
-    for (std::size_t i = 0; i < slices.size(); ++i)
-    {
-        if (!slices[i])
-            continue;
-        const ISource2DSlices* source = sources.empty() ? nullptr : sources[std::min(i, sources.size() - 1)];
-        const M2DSliceIOParameters* parameters = source ? source->GetSliceIOParameters() : nullptr;
-        const M2DSliceContourLayer& border = *slices[i]->GetSliceBorder();
-        const M2DSliceVectorLayer& vectors = *slices[i]->GetVectors();
-        const bool ok = !parameters || parameters->BordersFirst
-                            ? PutContours(out, border, f) && PutBlocks(out, vectors, f)
-                            : PutBlocks(out, vectors, f) && PutContours(out, border, f);
-        if (!ok)
-            break;
-    }
+    legacy::PutSlices(
+        sources, slices, [&](const M2DSliceContourLayer& border) { return PutContours(out, border, f); },
+        [&](const M2DSliceVectorLayer& vectors) { return PutBlocks(out, vectors, f); });
     out.Flush(); // a failed write shows when the file is closed
     return true;
 }
@@ -278,15 +268,7 @@ bool M2DSliceIO_sli_3ds::_ReadHeader(ITarget2DSlices* /*target*/)
 
 bool M2DSliceIO_sli_3ds::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool readVectors)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader, readVectors))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input, readVectors); });
 }
 
 bool M2DSliceIO_sli_3ds::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool readVectors)

@@ -13,7 +13,6 @@ namespace {
 
 using ConvertKernels::Round;
 
-const char kDelimiters[] = " \r\n";
 constexpr std::size_t kPendingVectors = 1024;
 constexpr std::size_t kPathCharacters = 256;
 
@@ -167,15 +166,7 @@ bool M2DSliceIO_ssl::_ReadHeader(ITarget2DSlices* /*target*/)
 
 bool M2DSliceIO_ssl::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool readVectors)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader, readVectors))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input, readVectors); });
 }
 
 bool M2DSliceIO_ssl::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool readVectors)
