@@ -108,7 +108,8 @@ private:
             }
             if (want <= n)
                 break;
-            want = std::max(n, want / 2);
+            // A quarter less each time, so that a small buffer is still used nearly whole.
+            want = std::max(n, want - std::max<std::size_t>(1, want / 4));
             _chunk = want;
         }
         _file.SEEK(at, 0);

@@ -172,6 +172,20 @@ bool M2DSliceIO_fs::_FetchLayer(ILayerInput& input, bool /*flag*/)
     const bool measures = input.MeasuresOnly();
     const bool oneBlock = !measures && _readOptions.VectorBlocks.MergeBlocks;
     bool blockOpen = false;
+    // The one block's room, from the head's table as far as the rest of the file can hold
+    // it: the vectors of the lines (a vector fewer than points per line) and of the rows.
+    std::uint64_t tableVectors = 0;
+    for (std::size_t t = 2; t < kTypes; ++t)
+    {
+        const std::uint32_t points = ByteOrder::LoadLE<std::uint32_t>(head + 31 + 4 * t);
+        const std::uint16_t lines = ByteOrder::LoadLE<std::uint16_t>(head + 9 + 2 * t);
+        if (t <= 3)
+            tableVectors += points > lines ? points - lines : 0;
+        else if (t >= 5)
+            tableVectors += points;
+    }
+    const std::size_t oneBlockVectors =
+        static_cast<std::size_t>(std::min<std::uint64_t>(tableVectors, static_cast<std::uint64_t>(in.Left()) / 6));
     // Vectors wait in one of two forms, floats as the file has them (converted a run at a
     // time) or already converted; switching form hands on what waits, so the order stays.
     _vectors.clear();
@@ -193,7 +207,7 @@ bool M2DSliceIO_fs::_FetchLayer(ILayerInput& input, bool /*flag*/)
             return;
         }
         if (!blockOpen)
-            input.StartVectorBlock(lineLabel, reserve);
+            input.StartVectorBlock(lineLabel, oneBlockVectors);
         blockOpen = true;
     };
     const auto endBlock = [&] {

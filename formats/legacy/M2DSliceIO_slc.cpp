@@ -287,7 +287,9 @@ bool M2DSliceIO_slc::_FetchLayer(ILayerInput& input)
     // Two-point boundaries, and every boundary when borders are read as vectors, gather as
     // runs of vectors in the file's own float form and go to the input converted a run at a
     // time.
-    input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Border), 0);
+    // Room for a vector per boundary, as far as the rest of the file can hold them.
+    input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Border),
+                           static_cast<std::size_t>(std::min<std::int64_t>(boundaries, in.Left() / 24)));
     legacy::PendingFloatVectors pending(input, c, _raw);
     const bool asVectors = _readOptions.ReadBordersAsVectors;
     bool ok = true;
