@@ -225,6 +225,24 @@ bool M2DSliceIO_fs::_FetchLayer(ILayerInput& input, bool /*flag*/)
 
     for (std::uint32_t s = 0; s < segments; ++s)
     {
+        if (oneBlock)
+        {
+            // Runs of two-point lines, the bulk of a hatched layer, go straight to the
+            // gatherer; any other segment, or one the window cannot show whole, is left to
+            // the general path below.
+            for (; s < segments && in.Ensure(7 + 16); ++s, in.Skip(7 + 16))
+            {
+                const unsigned char* line = in.Data();
+                if (line[0] != 'X' || line[1] != 'X' || (line[2] != 2 && line[2] != 3) ||
+                    ByteOrder::LoadLE<std::uint16_t>(line + 5) != 2)
+                    break;
+                startBlock(2);
+                addConverted();
+                pendingRaw.Add(line + 7);
+            }
+            if (s == segments)
+                break;
+        }
         const std::int64_t at = in.Tell();
         if (!in.Ensure(7))
             return _FailAt("segment " + std::to_string(s) + " cut short", at);

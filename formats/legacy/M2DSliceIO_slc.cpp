@@ -295,6 +295,17 @@ bool M2DSliceIO_slc::_FetchLayer(ILayerInput& input)
     bool ok = true;
     for (std::uint32_t b = 0; b < boundaries && ok; ++b)
     {
+        // Runs of two-point boundaries, the bulk of a hatched layer, go straight to the
+        // gatherer; any other boundary, or one the window cannot show whole, is left to the
+        // general path below.
+        for (; b < boundaries && in.Ensure(8 + 16); ++b, in.Skip(8 + 16))
+        {
+            if (ByteOrder::LoadLE<std::uint32_t>(in.Data()) != 2)
+                break;
+            pending.Add(in.Data() + 8);
+        }
+        if (b == boundaries)
+            break;
         const std::int64_t at = in.Tell();
         if (!in.Ensure(8))
         {
