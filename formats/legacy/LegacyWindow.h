@@ -37,6 +37,8 @@ public:
     // into the file's buffer (then Record still reads them).
     bool Ensure(std::size_t n) { return static_cast<std::size_t>(_end - _p) >= n || _Load(n); }
     const unsigned char* Data() const { return _p; }
+    // The end of the bytes in the window now; Data() to End() may be read without a call.
+    const unsigned char* End() const { return _end; }
     void Skip(std::size_t n) { _p += n; }
 
     // The next n bytes, in place when they fit into a chunk, else copied into storage; null,

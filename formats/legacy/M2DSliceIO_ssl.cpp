@@ -1,8 +1,10 @@
 #include "M2DSliceIO_ssl.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "../../contracts/StringConversion.h"
 #include "../../framework/ConvertKernels.h"
@@ -242,9 +244,77 @@ struct Places
 };
 const Places kPlace;
 
+// A number token as the point reader takes it, when it takes it whole: any bytes that are not
+// digits, digits, and at most a '.' or ',' with digits behind it, nothing else. Then the
+// point reader's two passes come to the same values as reading the token by itself: an x in
+// double, a y in float, each digit as the reader adds it.
+struct TokenValue
+{
+    bool Whole = false; // the token has that form
+    double X = 0.0;
+    float Y = 0.0f;
+};
+
+// Which word the token [p, end) is, and with value, its coordinate values.
+void Classify(const unsigned char* p, const unsigned char* end, Word& word, TokenValue* value)
+{
+    // The text is the token up to a zero byte.
+    const unsigned char* zero = std::find(p, end, 0);
+    const std::size_t n = static_cast<std::size_t>(zero - p);
+    if (n == 1 && p[0] == 'Z')
+        word = Word::Z;
+    else if (n == 1 && p[0] == 'C')
+        word = Word::Closed;
+    else if (n == 1 && p[0] == 'O')
+        word = Word::Open;
+    else if (n == 3 && p[0] == 'E' && p[1] == 'N' && p[2] == 'D')
+        word = Word::End;
+    else
+        word = Word::Number;
+    if (!value)
+        return;
+    // The digits are gathered as integers and turned into the two values at the end: while
+    // the whole part stays below 2^24, adding digit by digit in float (and in double) is
+    // exact, so it is the integer itself; the fraction digits are then added as the reader
+    // adds them.
+    value->Whole = false;
+    while (p < end && !IsDigit(*p))
+        ++p;
+    if (p == end)
+        return;
+    std::uint32_t wholePart = 0;
+    for (; p < end && IsDigit(*p); ++p)
+    {
+        wholePart = wholePart * 10 + static_cast<std::uint32_t>(*p - '0');
+        if (wholePart >= (1u << 24))
+            return;
+    }
+    const unsigned char* fraction = p;
+    if (p < end && (*p == '.' || *p == ','))
+        for (fraction = ++p; p < end && IsDigit(*p); ++p)
+        {
+        }
+    const auto places = static_cast<int>(p - fraction);
+    if (p != end || places > kPlaces)
+        return; // something behind the number, or digits beyond the table: left to the point reader
+    double x = static_cast<double>(wholePart);
+    float y = static_cast<float>(wholePart);
+    for (int k = 0; k < places; ++k)
+    {
+        const int digit = fraction[k] - '0';
+        x += digit * kPlace.Double[k];
+        y += static_cast<float>(digit) * kPlace.Float[k];
+    }
+    value->Whole = true;
+    value->X = x;
+    value->Y = y;
+}
+
 // Reads the next token that is not empty, as _ReadStringWithSkipDelimitersOnBegin does, and
-// tells which word it is; false at the end of the file.
-bool NextWord(legacy::InWindow& in, Word& word)
+// tells which word it is; false at the end of the file. With value, a number token is read
+// as a coordinate too. A token that the window holds whole, with its delimiter, is taken in
+// place; any other is gathered in scratch.
+bool NextWord(legacy::InWindow& in, Word& word, std::string& scratch, TokenValue* value = nullptr)
 {
     int c;
     do
@@ -252,28 +322,22 @@ bool NextWord(legacy::InWindow& in, Word& word)
     while (c > 0 && IsDelimiter(c));
     if (c < 0)
         return false;
-    char text[4] = {};
-    std::size_t n = 0;
-    bool zero = false; // a zero byte ends the text
-    for (; c >= 0 && !(c > 0 && IsDelimiter(c)); c = in.Get())
+    const unsigned char* first = in.Data() - 1; // c, in the window
+    const unsigned char* end = in.End();
+    const unsigned char* q = in.Data();
+    while (q < end && !(*q > 0 && IsDelimiter(*q)))
+        ++q;
+    if (q < end)
     {
-        if (c == 0)
-            zero = true;
-        if (!zero && n < 4)
-            text[n] = static_cast<char>(c);
-        if (!zero)
-            ++n;
+        Classify(first, q, word, value);
+        in.Skip(static_cast<std::size_t>(q + 1 - in.Data())); // the delimiter too
+        return true;
     }
-    if (n == 1 && text[0] == 'Z')
-        word = Word::Z;
-    else if (n == 1 && text[0] == 'C')
-        word = Word::Closed;
-    else if (n == 1 && text[0] == 'O')
-        word = Word::Open;
-    else if (n == 3 && text[0] == 'E' && text[1] == 'N' && text[2] == 'D')
-        word = Word::End;
-    else
-        word = Word::Number;
+    scratch.clear();
+    for (; c >= 0 && !(c > 0 && IsDelimiter(c)); c = in.Get())
+        scratch += static_cast<char>(c);
+    const auto* text = reinterpret_cast<const unsigned char*>(scratch.data());
+    Classify(text, text + scratch.size(), word, value);
     return true;
 }
 
@@ -365,13 +429,39 @@ bool M2DSliceIO_ssl::_FetchLayer(ILayerInput& input, bool /*flag*/)
             input.AddVectors(_vectors.data(), _vectors.size());
         _vectors.clear();
     };
+    const auto addVector = [&](int x1, int y1, int x2, int y2) {
+        _vectors.emplace_back(x1, y1, x2, y2);
+        if (_vectors.size() >= kPendingVectors)
+            addVectors();
+    };
+    const auto startLine = [&] {
+        if (!oneBlock || !blockOpen)
+            input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_None), 0);
+        blockOpen = true;
+    };
+    const auto endLine = [&] {
+        if (oneBlock)
+            return;
+        // A scanner only widens the layer's box by the vectors: they may reach it in runs that
+        // cross the blocks it counts.
+        if (!measures)
+            addVectors();
+        input.EndVectorBlock(true);
+    };
 
     Word word;
     std::int64_t mark = in.Tell();
     std::uint64_t n = 0; // number tokens since the last "C" or "O"
+    // The coordinates of the run's tokens while all of them are whole numbers: then the run
+    // needs no second pass. The point reader's second pass takes the same values when the
+    // tokens pair up into points exactly, which an even count of two or more gives ("C" also
+    // with none).
+    bool whole = true;
+    _coords.clear();
+    TokenValue value;
     for (;;)
     {
-        if (!NextWord(in, word))
+        if (!NextWord(in, word, _token, whole ? &value : nullptr))
         {
             input.EndContour(false);
             return _FailAt("a layer is not closed by \"Z\" or \"END\"", start);
@@ -388,7 +478,33 @@ bool M2DSliceIO_ssl::_FetchLayer(ILayerInput& input, bool /*flag*/)
         }
         if (word == Word::Number)
         {
+            if (whole && value.Whole)
+                _coords.push_back(n % 2 == 0 ? Round(value.X * unit) : Round(static_cast<double>(value.Y) * unit));
+            else
+                whole = false;
             ++n;
+            continue;
+        }
+        if (whole && n % 2 == 0 && (word == Word::Closed || n >= 2))
+        {
+            const int* p = _coords.data();
+            if (word == Word::Closed)
+            {
+                input.StartContour(e2DSliceVectorType_None);
+                input.SetContourClosed(true);
+                for (std::uint64_t i = 0; i < n; i += 2)
+                    input.AddContourPoint(p[i], p[i + 1]);
+            }
+            else
+            {
+                startLine();
+                for (std::uint64_t i = 2; i < n; i += 2)
+                    addVector(p[i - 2], p[i - 1], p[i], p[i + 1]);
+                endLine();
+            }
+            mark = in.Tell();
+            n = 0;
+            _coords.clear();
             continue;
         }
         in.Seek(mark);
@@ -408,9 +524,7 @@ bool M2DSliceIO_ssl::_FetchLayer(ILayerInput& input, bool /*flag*/)
         {
             if (n > 4)
                 n = 2 * n - 4;
-            if (!oneBlock || !blockOpen)
-                input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_None), 0);
-            blockOpen = true;
+            startLine();
             if (!_ReadPoint(in, x, y))
                 return _FailAt("a point of a line is cut short", mark);
             for (std::uint64_t i = 0; i < n / 4; ++i)
@@ -418,25 +532,18 @@ bool M2DSliceIO_ssl::_FetchLayer(ILayerInput& input, bool /*flag*/)
                 int nx, ny;
                 if (!_ReadPoint(in, nx, ny))
                     return _FailAt("a point of a line is cut short", mark);
-                _vectors.emplace_back(x, y, nx, ny);
-                if (_vectors.size() >= kPendingVectors)
-                    addVectors();
+                addVector(x, y, nx, ny);
                 x = nx;
                 y = ny;
             }
-            if (!oneBlock)
-            {
-                // A scanner only widens the layer's box by the vectors: they may reach it in
-                // runs that cross the blocks it counts.
-                if (!measures)
-                    addVectors();
-                input.EndVectorBlock(true);
-            }
+            endLine();
         }
         // Past the closing letter, and on to the next run.
-        NextWord(in, word);
+        NextWord(in, word, _token);
         mark = in.Tell();
         n = 0;
+        whole = true;
+        _coords.clear();
     }
     addVectors();
     if (oneBlock && blockOpen)

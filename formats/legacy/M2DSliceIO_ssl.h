@@ -48,5 +48,7 @@ private:
     bool _ReadPoint(legacy::InWindow& in, int& x, int& y);
 
     std::vector<M2DSliceVector> _vectors; // vectors waiting to go to the input
+    std::vector<int> _coords;             // the coordinates of a run of points
+    std::string _token;                   // a token that crosses the read window's end
     std::size_t _chunk = 1 << 16;         // the read chunk that the file's buffer takes
 };

@@ -120,6 +120,49 @@ TEST(SslTest, ReaderQuirks)
     EXPECT_NE(damaged.GetFailureReason(), "");
 }
 
+// Runs of plain number tokens are read in one pass; a token of any other form sends its run
+// through the point reader's second pass. Both must come to the same layer: here every X of
+// the second file carries a letter behind its number, which the point reader passes over.
+TEST(SslTest, OnePassAndTwoPassRunsReadAlike)
+{
+    ts::ScratchDir dir;
+    const std::vector<std::pair<const char*, const char*>> points = {
+        {"0.5", "0.25"}, {"1", "0.25"}, {"1,75", "1.000000001"}, {"0.123456789012345", "0.987654321098765"},
+        {"-2.5", "3"}, {"12", "0.0000004"}};
+    std::string plain = "Slice V0\nFILE(0,x.sslUNITS(INCH)\nSLICES()\nZ 0.1 0.1\n";
+    std::string marked = plain;
+    for (std::size_t i = 0; i < points.size(); ++i)
+    {
+        plain += std::string(points[i].first) + " " + points[i].second + "\n";
+        marked += std::string(points[i].first) + "x " + points[i].second + "\n";
+        if (i == 2)
+        {
+            plain += "C\n";
+            marked += "C\n";
+        }
+    }
+    plain += "O\nZ 0.2 0.1\n3 4\nO\nEND\n";
+    marked += "O\nZ 0.2 0.1\n3x 4\nO\nEND\n";
+    ts::WriteFile(dir.File("p.ssl"), plain);
+    ts::WriteFile(dir.File("m.ssl"), marked);
+    M2DSliceIO_ssl onePass, twoPass;
+    const std::vector<M2DSlice> a = Read(onePass, dir.File("p.ssl"));
+    const std::vector<M2DSlice> b = Read(twoPass, dir.File("m.ssl"));
+    EXPECT_EQ(onePass.GetFailureReason(), "");
+    EXPECT_EQ(twoPass.GetFailureReason(), "");
+    ASSERT_EQ(a.size(), 2u);
+    ASSERT_EQ(b.size(), 2u);
+    // 1.75 inch by hand; the rest must only agree.
+    EXPECT_EQ(ts::PointsOf(*a[0].GetSliceBorder()->GetContour(0))[2].first, 444500);
+    EXPECT_EQ(a[0].GetVectors()->GetTotalNumVectors(), 2u);
+    // A single point before "O" gives no vector, in either pass.
+    EXPECT_EQ(a[1].GetVectors()->GetTotalNumVectors(), 0u);
+    for (std::size_t i = 0; i < a.size(); ++i)
+        ts::ExpectSameSlice(a[i], b[i], "layer " + std::to_string(i));
+    legacy_test::ExpectScanMeasuresTheRead(5, dir.File("p.ssl"));
+    legacy_test::ExpectScanMeasuresTheRead(5, dir.File("m.ssl"));
+}
+
 TEST(SslTest, OnlyTheFirstSliceOfALayerIsWritten)
 {
     ts::ScratchDir dir;
