@@ -304,13 +304,16 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, std::int32_t 
         // Skipped; a record cut by the end of the file takes the layer to the end with it.
         return _file.SEEK(static_cast<std::int64_t>(std::min(bytes, left)), 1);
     }
-    if (bytes > left)
+    const bool cut = bytes > left;
+    if (cut)
     {
         // The file ends inside the record: what is there is read, a vector cut short keeps
         // the previous values of its missing coordinates, and vectors the file does not hold
-        // at all are not made up.
+        // at all are not made up. The record takes the rest of the file, as when it is
+        // skipped, a part-value included.
         n = static_cast<std::uint32_t>((left / width + 3) / 4);
     }
+    const auto toEnd = [&] { return !cut || _file.SEEK(fileSize, 0); };
 
     // The file holds the n vectors, so n is a fair reserve.
     input.StartVectorBlock(HatchLabel(id), n);
@@ -348,7 +351,7 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, std::int32_t 
         done += m;
     }
     if (done == n)
-        return true;
+        return toEnd();
 
     // The rest through a copy: runs larger than the file's buffer, or a read that comes up
     // short.
@@ -361,7 +364,7 @@ bool M2DSliceIO_cli::_ReadHatches(ILayerInput& input, bool isLong, std::int32_t 
     for (std::size_t start = 0; start < whole; start += kVectorChunk)
         addRun(raw + vectorBytes * start, std::min(kVectorChunk, whole - start));
     if (whole == rest)
-        return true;
+        return toEnd();
 
     // A read that came up short: each missing coordinate keeps the value of the same
     // coordinate of the vector before it (0 in the first vector), and so every vector after

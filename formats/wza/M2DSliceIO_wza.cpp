@@ -173,11 +173,10 @@ bool M2DSliceIO_wza::_OpenFile(const std::wstring& path, MOpenMode mode)
     _fileSize = 0;
     if (_stream)
     {
-        // Reading takes many small fields; writing has a buffer of the class's own.
-        if (_writing)
-            std::setvbuf(_stream, nullptr, _IONBF, 0);
-        else
-            std::setvbuf(_stream, nullptr, _IOFBF, 1 << 18);
+        // Reading takes many small fields. Writing has a buffer of the class's own for the
+        // layers, which reaches the stream in large pieces that pass its buffer by; the header's
+        // sections write their items to the stream one by one, and its buffer gathers them.
+        std::setvbuf(_stream, nullptr, _IOFBF, _writing ? std::size_t{1} << 16 : std::size_t{1} << 18);
         struct stat info;
         if (mode == Read && fstat(fileno(_stream), &info) == 0)
             _fileSize = static_cast<std::int64_t>(info.st_size);
@@ -467,6 +466,9 @@ bool M2DSliceIO_wza::_WriteHeader(const std::vector<const ISource2DSlices*>& /*s
 
 // ---------------------------------------------------------------- footer
 
+// The digest covers the header's slice count and data length, which are known only now, and
+// MD5 takes its input strictly in order, so none of it can be worked out while the layers are
+// written: it reads the finished file back (from the page cache, where it has just been written).
 std::string M2DSliceIO_wza::_MD5ForWZA() const { return HexMD5OfFile(_filePath, -1); }
 
 bool M2DSliceIO_wza::_WriteFooter(const std::vector<const ISource2DSlices*>& /*sources*/)

@@ -462,6 +462,54 @@ TEST_F(WzaTest, ReadsTheQuirksOfTheTags)
     }
 }
 
+// Heights on reading: the records carry none, so a scan counts them from 0 in steps of the
+// header's slice height (a file written from height 500 with slice height 500 scans one layer
+// lower), a slice height of 0 gives every layer height 0, and a read agrees with the scan.
+TEST_F(WzaTest, HeightsCountedFromZero)
+{
+    for (std::int32_t pitch : {500, 0})
+    {
+        SCOPED_TRACE(pitch);
+        M2DSliceIO_wza writer;
+        writer.SetSliceHeight(pitch);
+        std::vector<M2DSlice> slices = {SliceAt(500), SliceAt(1000), SliceAt(1500)};
+        for (M2DSlice& slice : slices)
+            AddBlock(slice, {M2DSliceVector(0, 0, 100, 0), M2DSliceVector(0, 9, 100, 9)}, 1);
+        const std::string path = _dir.File("h.wza");
+        if (!pitch) // slice height 0: every internal unit a layer, 2 + 3 empty records
+        {
+            slices = {SliceAt(2), SliceAt(5)};
+            for (M2DSlice& slice : slices)
+                AddBlock(slice, {M2DSliceVector(0, 0, 100, 0)}, 1);
+        }
+        WriteLayers(writer, path, slices);
+
+        std::vector<std::int32_t> scanned, read;
+        M2DSliceIO_wza scanner;
+        ASSERT_TRUE(scanner.OpenFile(ts::Wide(path), I2DSliceIO::Read));
+        ASSERT_TRUE(scanner.ReadHeader(nullptr));
+        M2DSliceContainerScanInfo info;
+        while (scanner.ScanLayer(info, nullptr, true))
+        {
+            scanned.push_back(info.Z);
+            info.Clear();
+        }
+        EXPECT_EQ(scanner.GetFailureReason(), "");
+        scanner.CloseFile();
+        M2DSliceIO_wza reader;
+        ASSERT_TRUE(reader.OpenFile(ts::Wide(path), I2DSliceIO::Read));
+        ASSERT_TRUE(reader.ReadHeader(nullptr));
+        M2DSlice slice;
+        while (reader.ReadLayer(slice, nullptr, true))
+            read.push_back(slice.GetZ());
+        reader.CloseFile();
+        const std::vector<std::int32_t> expected =
+            pitch ? std::vector<std::int32_t>{0, 500, 1000} : std::vector<std::int32_t>(7, 0);
+        EXPECT_EQ(scanned, expected);
+        EXPECT_EQ(read, expected);
+    }
+}
+
 // Versions both ways: what each reader version accepts, which files are old format, where
 // the header data and the 32-bit data length are; and writers of versions below 1401, whose
 // newest layout their own reading rules cannot follow.
@@ -566,6 +614,101 @@ TEST_F(WzaTest, DigestOfTheFileBody)
     EXPECT_EQ(M2DSliceIO_wza::DigestOfFileBody(ts::Wide(path)), "900150983cd24fb0d6963f7d28e17f72");
     ts::WriteFile(path, "short");
     EXPECT_EQ(M2DSliceIO_wza::DigestOfFileBody(ts::Wide(path)), "");
+}
+
+// A file far larger than the writer's buffer, with every header section and empty records
+// between layers: the digest equals an MD5 worked out here over the finished bytes, and the
+// lengths and counts patched after the fact (some of them far behind the write position by
+// then) hold what the bytes say.
+TEST_F(WzaTest, DigestAndPatchesOfALargeFile)
+{
+    std::vector<SettingVariant> settings = {Setting<unsigned>(1, 2), Setting<std::string>(3, "s")};
+    auto monitoring = std::make_unique<MeltPoolMonitoringSettings>();
+    monitoring->Enabled = true;
+    monitoring->Texts = {L"m"};
+    auto preforms = std::make_unique<PreformsSettings>();
+    preforms->Enabled = true;
+    preforms->PreformEntries = {{1.0, 2.0, 3.0, 0}};
+    M2DSliceIO_wza io(4000, L"Big", L"", L"", L"", 100, L"", L"", 5, std::move(settings), {}, nullptr, nullptr,
+                      std::move(monitoring), std::move(preforms));
+    // Layers at 100, 400 (two empty records before it) and 500; the first two hold 40000
+    // hatches each, 640000 bytes of coordinates, in two parts.
+    std::vector<M2DSlice> slices = {SliceAt(100), SliceAt(400), SliceAt(500)};
+    for (std::size_t l = 0; l < 2; ++l)
+        for (int part = 1; part <= 2; ++part)
+        {
+            Vectors hatches;
+            for (int i = 0; i < 20000; ++i)
+                hatches.emplace_back(i, part, i + 7, part + 3 * static_cast<int>(l)); // not joined
+            AddBlock(slices[l], hatches, part);
+        }
+    AddBlock(slices[2], {M2DSliceVector(0, 0, 5, 5)}, 1);
+    const std::string file = WriteLayers(io, _dir.File("big.wza"), slices);
+    ASSERT_GT(file.size(), 1280000u);
+
+    const std::size_t body = file.size() - 32;
+    EXPECT_EQ(file.substr(body), Md5Hex(file.substr(0, body)));
+    auto u32At = [&](std::size_t at) { return ByteOrder::LoadLE<std::uint32_t>(file.data() + at); };
+
+    // The header ends with slice height, slice count, part count 0 and the empty tail text.
+    const std::size_t headerEnd = 16 + u32At(12);
+    ASSERT_LT(headerEnd + 8, body);
+    EXPECT_EQ(file[headerEnd - 1], '\0');
+    EXPECT_EQ(u32At(headerEnd - 5), 0u);
+    EXPECT_EQ(u32At(headerEnd - 9), 5u); // layer, two empty records, two layers
+    const std::size_t dataStart = headerEnd + 8;
+    EXPECT_EQ(ByteOrder::LoadLE<std::uint64_t>(file.data() + headerEnd), body - dataStart);
+
+    // Records and part sections, each length counting what follows its field.
+    std::vector<std::uint32_t> bodies;
+    std::size_t at = dataStart;
+    while (at < body)
+    {
+        ASSERT_EQ(file.compare(at, 3, "SLC"), 0) << at;
+        const std::uint32_t length = u32At(at + 3);
+        bodies.push_back(length);
+        std::size_t section = at + 7;
+        at = section + length;
+        ASSERT_LE(at, body);
+        while (section < at)
+        {
+            ASSERT_EQ(file.compare(section, 3, "WRZ"), 0) << section;
+            section += 11 + u32At(section + 7);
+        }
+        EXPECT_EQ(section, at);
+    }
+    EXPECT_EQ(at, body);
+    ASSERT_EQ(bodies.size(), 5u);
+    EXPECT_GT(bodies[0], 640000u);
+    EXPECT_EQ(bodies[1], 0u);
+    EXPECT_EQ(bodies[2], 0u);
+    EXPECT_EQ(bodies[3], bodies[0]);
+    EXPECT_LT(bodies[4], 100u);
+
+    // The sections' counts and lengths, patched while the header was written: they start
+    // after "Big", the date, the machine type and the flags, at 33.
+    struct Section
+    {
+        const char* Marker;
+        std::size_t At;
+        std::uint32_t Count, Length;
+    };
+    const Section sections[] = {
+        {"MS", 33, 2, 9 + 7},                 // a u32 item and the text "s"
+        {"META", 59, 4, 14 + 13 + 11 + 15},   // four descriptions with empty texts
+        {"PFS", 124, 6, 13 + 9 + 11 + 3 * 13}, // value, count, "RP-d4" and three doubles
+        {"MONS", 207, 2, 9 + 7},              // the count and the text "m"
+    };
+    for (const Section& s : sections)
+    {
+        SCOPED_TRACE(s.Marker);
+        const std::size_t size = std::strlen(s.Marker);
+        ASSERT_EQ(file.compare(s.At, size, s.Marker), 0);
+        EXPECT_EQ(u32At(s.At + size), s.Count);
+        EXPECT_EQ(u32At(s.At + size + 4), s.Length);
+    }
+    EXPECT_EQ(file[0x20], 0x20 | 0x10 | 0x08 | 0x04);
+    EXPECT_EQ(headerEnd, 207u + 4 + 8 + 16 + 4 + 4 + 4 + 1); // monitoring, then the header's end
 }
 
 // The shared build through the whole-file driver and back: vector blocks, parts and heights
