@@ -7,6 +7,8 @@
 #include "../../framework/ByteCursor.h"
 #include "../../framework/ConvertKernels.h"
 #include "LegacyBuffer.h"
+#include "LegacyConvert.h"
+#include "LegacyWindow.h"
 
 namespace {
 
@@ -56,7 +58,11 @@ bool M2DSliceIO_fs::_OpenFile(const std::wstring& /*path*/, MOpenMode /*mode*/) 
 bool M2DSliceIO_fs::_CloseFile() { return true; }
 bool M2DSliceIO_fs::_WriteHeader(const std::vector<const ISource2DSlices*>& /*sources*/) { return true; }
 bool M2DSliceIO_fs::_WriteFooter(const std::vector<const ISource2DSlices*>& /*sources*/) { return true; }
-bool M2DSliceIO_fs::_ReadHeader(ITarget2DSlices* /*target*/) { return true; }
+bool M2DSliceIO_fs::_ReadHeader(ITarget2DSlices* /*target*/)
+{
+    _chunk = legacy::InWindow::kChunk;
+    return true;
+}
 bool M2DSliceIO_fs::_ReadFooter(ITarget2DSlices* /*target*/) { return true; }
 
 bool M2DSliceIO_fs::_WriteLayer(const std::vector<const ISource2DSlices*>& /*sources*/, std::int32_t z,
@@ -137,15 +143,7 @@ bool M2DSliceIO_fs::_WriteLayer(const std::vector<const ISource2DSlices*>& /*sou
 
 bool M2DSliceIO_fs::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool readVectors)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader, readVectors))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input, readVectors); });
 }
 
 bool M2DSliceIO_fs::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool readVectors)
@@ -156,22 +154,52 @@ bool M2DSliceIO_fs::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices*
 
 bool M2DSliceIO_fs::_FetchLayer(ILayerInput& input, bool /*flag*/)
 {
-    const std::int64_t fileSize = _file.GET_SIZE();
-    const std::int64_t start = _file.TELL();
-    const char* head = _file.ReadView(kHeadBytes);
-    if (!head)
+    legacy::InWindow in(_file, _chunk);
+    const std::int64_t fileSize = in.FileSize();
+    const std::int64_t start = in.Tell();
+    if (!in.Ensure(kHeadBytes))
         return start < fileSize ? _FailAt("layer head cut short", start) : false;
+    const unsigned char* head = in.Data();
     const std::uint16_t segments = ByteOrder::LoadLE<std::uint16_t>(head + 7);
     input.SetZ(Round(static_cast<double>(ByteOrder::LoadLE<float>(head + 91)) * _GetConversionFactor()));
+    in.Skip(kHeadBytes);
     const double g = _properties.UnitConversionFactor / kReadSteps;
     const M2DSliceVectorTypeInfo lineLabel(e2DSliceVectorType_None);
 
     // Each line segment is a vector block of its own. A reader whose blocks of one label are
     // merged afterwards gets them in one block straight away, which is what the merge would
     // make of them; a scanner counts every block.
-    const bool oneBlock = !input.MeasuresOnly() && _readOptions.VectorBlocks.MergeBlocks;
+    const bool measures = input.MeasuresOnly();
+    const bool oneBlock = !measures && _readOptions.VectorBlocks.MergeBlocks;
     bool blockOpen = false;
+    // The one block's room, from the head's table as far as the rest of the file can hold
+    // it: the vectors of the lines (a vector fewer than points per line) and of the rows.
+    std::uint64_t tableVectors = 0;
+    for (std::size_t t = 2; t < kTypes; ++t)
+    {
+        const std::uint32_t points = ByteOrder::LoadLE<std::uint32_t>(head + 31 + 4 * t);
+        const std::uint16_t lines = ByteOrder::LoadLE<std::uint16_t>(head + 9 + 2 * t);
+        if (t <= 3)
+            tableVectors += points > lines ? points - lines : 0;
+        else if (t >= 5)
+            tableVectors += points;
+    }
+    const std::size_t oneBlockVectors =
+        static_cast<std::size_t>(std::min<std::uint64_t>(tableVectors, static_cast<std::uint64_t>(in.Left()) / 6));
+    // Vectors wait in one of two forms, floats as the file has them (converted a run at a
+    // time) or already converted; switching form hands on what waits, so the order stays.
     _vectors.clear();
+    legacy::PendingFloatVectors pendingRaw(input, g, _raw);
+    const auto addRaw = [&] { pendingRaw.Flush(); };
+    const auto addConverted = [&] {
+        if (!_vectors.empty())
+            input.AddVectors(_vectors.data(), _vectors.size());
+        _vectors.clear();
+    };
+    const auto addVectors = [&] {
+        addRaw();
+        addConverted();
+    };
     const auto startBlock = [&](std::size_t reserve) {
         if (!oneBlock)
         {
@@ -179,35 +207,51 @@ bool M2DSliceIO_fs::_FetchLayer(ILayerInput& input, bool /*flag*/)
             return;
         }
         if (!blockOpen)
-            input.StartVectorBlock(lineLabel, reserve);
+            input.StartVectorBlock(lineLabel, oneBlockVectors);
         blockOpen = true;
-    };
-    const auto addVectors = [&] {
-        if (!_vectors.empty())
-            input.AddVectors(_vectors.data(), _vectors.size());
-        _vectors.clear();
     };
     const auto endBlock = [&] {
         if (!oneBlock)
         {
-            addVectors();
+            // A scanner only widens the layer's box by the vectors: they may reach it in
+            // runs that cross the blocks it counts.
+            if (!measures)
+                addVectors();
             input.EndVectorBlock(true);
         }
-        else if (_vectors.size() >= kPendingVectors)
-            addVectors();
+        if (_vectors.size() >= kPendingVectors)
+            addConverted();
     };
 
-    std::vector<unsigned char> storage;
     for (std::uint32_t s = 0; s < segments; ++s)
     {
-        const std::int64_t at = _file.TELL();
-        const char* sh = _file.ReadView(7);
-        if (!sh)
+        if (oneBlock)
+        {
+            // Runs of two-point lines, the bulk of a hatched layer, go straight to the
+            // gatherer; any other segment, or one the window cannot show whole, is left to
+            // the general path below.
+            for (; s < segments && in.Ensure(7 + 16); ++s, in.Skip(7 + 16))
+            {
+                const unsigned char* line = in.Data();
+                if (line[0] != 'X' || line[1] != 'X' || (line[2] != 2 && line[2] != 3) ||
+                    ByteOrder::LoadLE<std::uint16_t>(line + 5) != 2)
+                    break;
+                startBlock(2);
+                addConverted();
+                pendingRaw.Add(line + 7);
+            }
+            if (s == segments)
+                break;
+        }
+        const std::int64_t at = in.Tell();
+        if (!in.Ensure(7))
             return _FailAt("segment " + std::to_string(s) + " cut short", at);
+        const unsigned char* sh = in.Data();
         if (sh[0] != 'X' || sh[1] != 'X')
             return _FailAt("segment " + std::to_string(s) + " does not start with \"XX\"", at);
-        const auto type = static_cast<std::uint8_t>(sh[2]);
+        const std::uint8_t type = sh[2];
         const std::uint16_t n = ByteOrder::LoadLE<std::uint16_t>(sh + 5); // the size before it is not used
+        in.Skip(7);
         if (n == 0)
             continue;
         if (type > 10)
@@ -218,16 +262,16 @@ bool M2DSliceIO_fs::_FetchLayer(ILayerInput& input, bool /*flag*/)
             return _FailAt("segment larger than the rest of the file", at);
         if (type == 4)
         {
-            _file.SEEK(static_cast<std::int64_t>(bytes), 1);
+            in.Seek(in.Tell() + static_cast<std::int64_t>(bytes));
             continue;
         }
-        ByteCursor data;
-        if (!ReadRecord(_file, bytes, storage, data))
+        const unsigned char* raw = in.Record(bytes, _storage);
+        if (!raw)
             return _FailAt("segment unreadable", at);
-        const unsigned char* raw = data.Data();
         if (type >= 5)
         {
             startBlock(n);
+            addRaw();
             for (std::size_t k = 0; k < n; ++k, raw += 6)
             {
                 const int a = Round(ByteOrder::LoadLE<std::int16_t>(raw) * g);
@@ -241,11 +285,12 @@ bool M2DSliceIO_fs::_FetchLayer(ILayerInput& input, bool /*flag*/)
             endBlock();
             continue;
         }
-        _coords.resize(2 * std::size_t{n});
-        ConvertKernels::ConvertValues(raw, 2 * std::size_t{n}, ConvertKernels::RawKind::FloatLE, g, _coords.data());
-        const int* p = _coords.data();
         if (type <= 1)
         {
+            _coords.resize(2 * std::size_t{n});
+            ConvertKernels::ConvertValues(raw, 2 * std::size_t{n}, ConvertKernels::RawKind::FloatLE, g,
+                                          _coords.data());
+            const int* p = _coords.data();
             // The closing point stays as the file has it.
             input.StartContour(e2DSliceVectorType_None);
             for (std::size_t k = 0; k < n; ++k)
@@ -255,15 +300,20 @@ bool M2DSliceIO_fs::_FetchLayer(ILayerInput& input, bool /*flag*/)
             input.EndContour(false);
             continue;
         }
+        // A polyline: vector k runs from point k to point k + 1, the 16 bytes at 8 k.
         startBlock(n);
+        addConverted();
         for (std::size_t k = 0; k + 1 < n; ++k)
-            _vectors.emplace_back(p[2 * k], p[2 * k + 1], p[2 * k + 2], p[2 * k + 3]);
+        {
+            pendingRaw.Add(raw + 8 * k);
+        }
         endBlock();
     }
     addVectors();
     if (oneBlock && blockOpen)
         input.EndVectorBlock(true);
-    if (_file.TELL() + 14 > fileSize)
-        return _FailAt("no end mark behind the segments", _file.TELL());
-    return _file.SEEK(14, 1);
+    if (in.Tell() + 14 > fileSize)
+        return _FailAt("no end mark behind the segments", in.Tell());
+    in.Seek(in.Tell() + 14);
+    return true;
 }

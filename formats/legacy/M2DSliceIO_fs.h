@@ -41,5 +41,8 @@ private:
     std::vector<char> _out; // records on their way to the file
     EPartType _partType = PartTypeDefault;
     std::vector<int> _coords;
-    std::vector<M2DSliceVector> _vectors;
+    std::vector<M2DSliceVector> _vectors;  // converted vectors waiting to go to the input
+    std::vector<unsigned char> _raw;       // float vectors waiting, as the file has them
+    std::vector<unsigned char> _storage;   // a segment larger than a read chunk
+    std::size_t _chunk = 1 << 16;          // the read chunk that the file's buffer takes
 };

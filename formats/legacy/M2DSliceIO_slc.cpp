@@ -7,6 +7,9 @@
 #include "../../framework/ByteCursor.h"
 #include "../../framework/ConvertKernels.h"
 #include "LegacyBuffer.h"
+#include "LegacyConvert.h"
+#include "LegacyLayerLoop.h"
+#include "LegacyWindow.h"
 
 namespace {
 
@@ -16,7 +19,6 @@ const char kTerminator[] = "\r\n\x1a";
 constexpr std::int64_t kHeaderSearch = 2048; // the terminator stands within these bytes
 constexpr std::int64_t kReserved = 256;       // zero bytes behind the terminator
 constexpr std::uint32_t kEndOfLayers = 0xFFFFFFFFu;
-constexpr std::size_t kPendingVectors = 1024;
 
 bool SameEnd(const M2DSliceVector& before, const M2DSliceVector& next)
 {
@@ -161,20 +163,9 @@ bool M2DSliceIO_slc::_WriteLayer(const std::vector<const ISource2DSlices*>& sour
     }
     out.LE<std::uint32_t>(static_cast<std::uint32_t>(boundaries));
 
-    for (std::size_t i = 0; i < slices.size(); ++i)
-    {
-        if (!slices[i])
-            continue;
-        const ISource2DSlices* source = sources.empty() ? nullptr : sources[std::min(i, sources.size() - 1)];
-        const M2DSliceIOParameters* parameters = source ? source->GetSliceIOParameters() : nullptr;
-        const M2DSliceContourLayer& border = *slices[i]->GetSliceBorder();
-        const M2DSliceVectorLayer& vectors = *slices[i]->GetVectors();
-        const bool ok = !parameters || parameters->BordersFirst
-                            ? PutContours(out, border, f) && PutChains(out, vectors, f)
-                            : PutChains(out, vectors, f) && PutContours(out, border, f);
-        if (!ok)
-            break;
-    }
+    legacy::PutSlices(
+        sources, slices, [&](const M2DSliceContourLayer& border) { return PutContours(out, border, f); },
+        [&](const M2DSliceVectorLayer& vectors) { return PutChains(out, vectors, f); });
     // A failed write shows when the file is closed.
     out.Flush();
     return true;
@@ -235,6 +226,7 @@ bool M2DSliceIO_slc::_CheckHeaderIsASCII(std::uint64_t length)
 
 bool M2DSliceIO_slc::_ReadHeader(ITarget2DSlices* /*target*/)
 {
+    _chunk = legacy::InWindow::kChunk;
     _file.REWIND();
     if (!_file.SEARCH_STRING(kTerminator, kHeaderSearch, true))
         return _Fail("no header end (0D 0A 1A) within the first 2048 bytes: not an SLC file");
@@ -264,15 +256,7 @@ bool M2DSliceIO_slc::_ReadHeader(ITarget2DSlices* /*target*/)
 
 bool M2DSliceIO_slc::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool /*readVectors*/)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input); });
 }
 
 bool M2DSliceIO_slc::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool /*readVectors*/)
@@ -285,64 +269,74 @@ bool M2DSliceIO_slc::_ReadFooter(ITarget2DSlices* /*target*/) { return true; }
 
 bool M2DSliceIO_slc::_FetchLayer(ILayerInput& input)
 {
-    const std::int64_t fileSize = _file.GET_SIZE();
-    const std::int64_t start = _file.TELL();
-    const char* head = _file.ReadView(4);
-    if (!head)
+    legacy::InWindow in(_file, _chunk);
+    const std::int64_t fileSize = in.FileSize();
+    const std::int64_t start = in.Tell();
+    if (!in.Ensure(4))
         return start >= fileSize ? false : _FailAt("layer height cut short", start);
     const double c = _GetConversionFactor();
-    input.SetZ(Round(static_cast<double>(ByteOrder::LoadLE<float>(head)) * c));
-    const char* count = _file.ReadView(4);
-    if (!count)
-        return _FailAt("boundary count cut short", _file.TELL());
-    const std::uint32_t boundaries = ByteOrder::LoadLE<std::uint32_t>(count);
+    input.SetZ(Round(static_cast<double>(ByteOrder::LoadLE<float>(in.Data())) * c));
+    in.Skip(4);
+    if (!in.Ensure(4))
+        return _FailAt("boundary count cut short", in.Tell());
+    const std::uint32_t boundaries = ByteOrder::LoadLE<std::uint32_t>(in.Data());
+    in.Skip(4);
     if (boundaries == kEndOfLayers)
         return false; // the end record
 
-    input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Border), 0);
-    _vectors.clear();
-    const auto flushVectors = [&] {
-        if (!_vectors.empty())
-            input.AddVectors(_vectors.data(), _vectors.size());
-        _vectors.clear();
-    };
+    // Two-point boundaries, and every boundary when borders are read as vectors, gather as
+    // runs of vectors in the file's own float form and go to the input converted a run at a
+    // time.
+    // Room for a vector per boundary, as far as the rest of the file can hold them.
+    input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_Border),
+                           static_cast<std::size_t>(std::min<std::int64_t>(boundaries, in.Left() / 24)));
+    legacy::PendingFloatVectors pending(input, c, _raw);
     const bool asVectors = _readOptions.ReadBordersAsVectors;
-    std::vector<unsigned char> storage;
     bool ok = true;
     for (std::uint32_t b = 0; b < boundaries && ok; ++b)
     {
-        const std::int64_t at = _file.TELL();
-        const char* bh = _file.ReadView(8);
-        if (!bh)
+        // Runs of two-point boundaries, the bulk of a hatched layer, go straight to the
+        // gatherer; any other boundary, or one the window cannot show whole, is left to the
+        // general path below.
+        for (; b < boundaries && in.Ensure(8 + 16); ++b, in.Skip(8 + 16))
+        {
+            if (ByteOrder::LoadLE<std::uint32_t>(in.Data()) != 2)
+                break;
+            pending.Add(in.Data() + 8);
+        }
+        if (b == boundaries)
+            break;
+        const std::int64_t at = in.Tell();
+        if (!in.Ensure(8))
         {
             ok = _FailAt("boundary " + std::to_string(b) + " cut short", at);
             break;
         }
-        const std::uint32_t n = ByteOrder::LoadLE<std::uint32_t>(bh); // the gap count behind it is not used
+        const std::uint32_t n = ByteOrder::LoadLE<std::uint32_t>(in.Data()); // the gap count behind it is not used
+        in.Skip(8);
         if (n < 2)
             continue; // no vertices are read, even for a count of 1
         const std::uint64_t bytes = std::uint64_t{n} * 8;
-        ByteCursor points;
-        if (static_cast<std::uint64_t>(fileSize - at - 8) < bytes || !ReadRecord(_file, bytes, storage, points))
+        const unsigned char* points =
+            static_cast<std::uint64_t>(fileSize - at - 8) < bytes ? nullptr : in.Record(bytes, _storage);
+        if (!points)
         {
             ok = _FailAt("boundary of " + std::to_string(n) + " vertices larger than the rest of the file", at);
             break;
         }
-        _coords.resize(std::size_t{n} * 2);
-        ConvertKernels::ConvertValues(points.Data(), std::size_t{n} * 2, ConvertKernels::RawKind::FloatLE, c,
-                                      _coords.data());
-        const int* p = _coords.data();
         if (n == 2 || asVectors)
         {
+            // Vector i runs from point i to point i + 1: the 16 bytes at 8 i.
             for (std::uint32_t i = 0; i + 1 < n; ++i)
             {
-                _vectors.emplace_back(p[2 * i], p[2 * i + 1], p[2 * i + 2], p[2 * i + 3]);
-                if (_vectors.size() >= kPendingVectors)
-                    flushVectors();
+                pending.Add(points + 8 * std::size_t{i});
             }
             continue;
         }
-        flushVectors();
+        pending.Flush();
+        _coords.resize(std::size_t{n} * 2);
+        ConvertKernels::ConvertValues(points, std::size_t{n} * 2, ConvertKernels::RawKind::FloatLE, c, _coords.data());
+        const int* p = _coords.data();
         input.StartContour(e2DSliceVectorType_Border);
         input.SetContourOuter(false);
         for (std::uint32_t i = 0; i + 1 < n; ++i)
@@ -360,7 +354,7 @@ bool M2DSliceIO_slc::_FetchLayer(ILayerInput& input)
             input.AddContourPoint(lastX, lastY);
         }
     }
-    flushVectors();
+    pending.Flush();
     input.EndVectorBlock(true);
     input.EndContour(false);
     return ok;

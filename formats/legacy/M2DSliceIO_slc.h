@@ -56,5 +56,7 @@ private:
     ESLCType _type = Web;
     char _text[38] = {};
     std::vector<int> _coords; // a boundary's coordinates, internal units
-    std::vector<M2DSliceVector> _vectors; // two-point boundaries waiting to go to the input
+    std::vector<unsigned char> _raw;      // vectors waiting to go to the input, as the file has them
+    std::vector<unsigned char> _storage;  // a boundary larger than a read chunk
+    std::size_t _chunk = 1 << 16;         // the read chunk that the file's buffer takes
 };

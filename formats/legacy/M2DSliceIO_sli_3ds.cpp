@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
 #include "../../framework/ByteCursor.h"
 #include "../../framework/ConvertKernels.h"
 #include "LegacyBuffer.h"
+#include "LegacyLayerLoop.h"
+#include "LegacyConvert.h"
 
 namespace {
 
@@ -24,6 +27,36 @@ inline std::int16_t Step(std::int32_t value, double f)
     const double scaled = static_cast<double>(value) / f + 0.5;
     const std::int64_t steps = std::fabs(scaled) < 9.0e18 ? static_cast<std::int64_t>(scaled) : 0;
     return static_cast<std::int16_t>(static_cast<std::uint16_t>(steps));
+}
+
+// Round for a product inside the int range, without a branch on the value.
+inline int RoundInRange(double x)
+{
+    const int whole = static_cast<int>(x);
+    const double fraction = x - static_cast<double>(whole);
+    return whole + (fraction >= 0.5) - (fraction <= -0.5);
+}
+
+// The box of n vectors of 16-bit values in internal units, from the extreme values: for a
+// factor f whose products all stay inside the int range, where rounding keeps their order.
+M2DSliceXYArea RawBox(const unsigned char* raw, std::size_t n, double f)
+{
+    std::int32_t loX = INT32_MAX, loY = INT32_MAX, hiX = INT32_MIN, hiY = INT32_MIN;
+    for (std::size_t k = 0; k < n; ++k, raw += 8)
+    {
+        const std::int32_t x0 = ByteOrder::LoadLE<std::int16_t>(raw);
+        const std::int32_t y0 = ByteOrder::LoadLE<std::int16_t>(raw + 2);
+        const std::int32_t x1 = ByteOrder::LoadLE<std::int16_t>(raw + 4);
+        const std::int32_t y1 = ByteOrder::LoadLE<std::int16_t>(raw + 6);
+        loX = std::min(loX, std::min(x0, x1));
+        hiX = std::max(hiX, std::max(x0, x1));
+        loY = std::min(loY, std::min(y0, y1));
+        hiY = std::max(hiY, std::max(y0, y1));
+    }
+    M2DSliceXYArea box;
+    box.Extend(RoundInRange(loX * f), RoundInRange(loY * f));
+    box.Extend(RoundInRange(hiX * f), RoundInRange(hiY * f));
+    return box;
 }
 
 // A section holds all r vectors that are left if 4 r is below 65535, else 3.
@@ -177,20 +210,9 @@ bool M2DSliceIO_sli_3ds::_WriteLayer(const std::vector<const ISource2DSlices*>& 
     const double scaledZ = static_cast<double>(z) / f;
     const std::int64_t zSteps = std::fabs(scaledZ) < 9.0e18 ? static_cast<std::int64_t>(scaledZ) : 0;
     out.LE<std::int16_t>(static_cast<std::int16_t>(static_cast<std::uint16_t>(zSteps)));
-    for (std::size_t i = 0; i < slices.size(); ++i)
-    {
-        if (!slices[i])
-            continue;
-        const ISource2DSlices* source = sources.empty() ? nullptr : sources[std::min(i, sources.size() - 1)];
-        const M2DSliceIOParameters* parameters = source ? source->GetSliceIOParameters() : nullptr;
-        const M2DSliceContourLayer& border = *slices[i]->GetSliceBorder();
-        const M2DSliceVectorLayer& vectors = *slices[i]->GetVectors();
-        const bool ok = !parameters || parameters->BordersFirst
-                            ? PutContours(out, border, f) && PutBlocks(out, vectors, f)
-                            : PutBlocks(out, vectors, f) && PutContours(out, border, f);
-        if (!ok)
-            break;
-    }
+    legacy::PutSlices(
+        sources, slices, [&](const M2DSliceContourLayer& border) { return PutContours(out, border, f); },
+        [&](const M2DSliceVectorLayer& vectors) { return PutBlocks(out, vectors, f); });
     out.Flush(); // a failed write shows when the file is closed
     return true;
 }
@@ -246,15 +268,7 @@ bool M2DSliceIO_sli_3ds::_ReadHeader(ITarget2DSlices* /*target*/)
 
 bool M2DSliceIO_sli_3ds::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool readVectors)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader, readVectors))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input, readVectors); });
 }
 
 bool M2DSliceIO_sli_3ds::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool readVectors)
@@ -279,6 +293,8 @@ bool M2DSliceIO_sli_3ds::_FetchLayer(ILayerInput& input, bool vectors)
         return _FailAt("layer height cut short", start + 1);
     const double f = _GetConversionFactor();
     input.SetZ(Round(ByteOrder::LoadLE<std::int16_t>(zBytes) * f));
+    // Whether every 16-bit value converts inside the int range, where rounding keeps order.
+    const bool measureBox = f > 0 && 32768.0 * f < 2147483647.0;
 
     std::int32_t endX = kNoPoint, endY = kNoPoint;     // end of the contour under way
     std::int32_t firstX = kNoPoint, firstY = kNoPoint; // its first point
@@ -300,20 +316,25 @@ bool M2DSliceIO_sli_3ds::_FetchLayer(ILayerInput& input, bool vectors)
             input.EndContour(false);
             return _FailAt("invalid section code " + std::to_string(code), at);
         }
-        const bool contours = code == 1;
-        if (!contours && !vectors)
+        // The size counts the section's 16-bit words, and the section takes all of them on
+        // every path: n whole vectors are read from it and a rest of fewer than four words is
+        // passed over, so that reading and scanning meet the next code at the same byte.
+        const std::int64_t sectionBytes = 2 * std::int64_t{size};
+        if (fileSize - _file.TELL() < sectionBytes)
         {
-            if (fileSize - _file.TELL() < 2 * std::int64_t{size})
-                return _FailAt("section larger than the rest of the file", at);
-            _file.SEEK(2 * std::int64_t{size}, 1);
+            input.EndContour(false);
+            return _FailAt("section larger than the rest of the file", at);
         }
-        else if (n > 0)
+        const bool contours = code == 1;
+        if ((!contours && !vectors) || n == 0)
+            _file.SEEK(sectionBytes, 1);
+        else
         {
             ByteCursor values;
-            if (fileSize - _file.TELL() < static_cast<std::int64_t>(8 * n) || !ReadRecord(_file, 8 * n, storage, values))
+            if (!ReadRecord(_file, 8 * n, storage, values))
             {
                 input.EndContour(false);
-                return _FailAt("section larger than the rest of the file", at);
+                return _FailAt("section unreadable", at);
             }
             const unsigned char* raw = values.Data();
             if (contours && !_readOptions.ReadBordersAsVectors)
@@ -356,15 +377,35 @@ bool M2DSliceIO_sli_3ds::_FetchLayer(ILayerInput& input, bool vectors)
             else
             {
                 input.StartVectorBlock(M2DSliceVectorTypeInfo(kind), n);
-                _vectors.resize(n);
-                for (std::size_t k = 0; k < n; ++k, raw += 8)
-                    _vectors[k] = M2DSliceVector(Round(ByteOrder::LoadLE<std::int16_t>(raw) * f),
-                                                 Round(ByteOrder::LoadLE<std::int16_t>(raw + 2) * f),
-                                                 Round(ByteOrder::LoadLE<std::int16_t>(raw + 4) * f),
-                                                 Round(ByteOrder::LoadLE<std::int16_t>(raw + 6) * f));
-                input.AddVectors(_vectors.data(), n);
+                if (measureBox)
+                {
+                    // Rounding keeps the order of the products, so the box of the vectors is
+                    // the box of the extreme values, converted; a scanner needs no more.
+                    const M2DSliceXYArea box = RawBox(raw, n, f);
+                    if (input.MeasuresOnly())
+                        input.AddVectorsArea(box, n);
+                    else
+                    {
+                        _vectors.resize(n);
+                        legacy::ConvertInt16Vectors(raw, n, f, _vectors.data());
+                        input.AddMeasuredVectors(_vectors.data(), n, box);
+                    }
+                }
+                else
+                {
+                    _vectors.resize(n);
+                    for (std::size_t k = 0; k < n; ++k, raw += 8)
+                        _vectors[k] = M2DSliceVector(Round(ByteOrder::LoadLE<std::int16_t>(raw) * f),
+                                                     Round(ByteOrder::LoadLE<std::int16_t>(raw + 2) * f),
+                                                     Round(ByteOrder::LoadLE<std::int16_t>(raw + 4) * f),
+                                                     Round(ByteOrder::LoadLE<std::int16_t>(raw + 6) * f));
+                    input.AddVectors(_vectors.data(), n);
+                }
                 input.EndVectorBlock(true);
             }
+            // The view into the file's buffer is done with: the rest of the section is passed.
+            if (sectionBytes > static_cast<std::int64_t>(8 * n))
+                _file.SEEK(sectionBytes - static_cast<std::int64_t>(8 * n), 1);
         }
         codeByte = _file.ReadView(1);
         if (!codeByte)

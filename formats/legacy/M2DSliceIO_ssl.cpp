@@ -1,18 +1,21 @@
 #include "M2DSliceIO_ssl.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "../../contracts/StringConversion.h"
 #include "../../framework/ConvertKernels.h"
 #include "LegacyBuffer.h"
+#include "LegacyWindow.h"
 
 namespace {
 
 using ConvertKernels::Round;
 
-const char kDelimiters[] = " \r\n";
+constexpr std::size_t kPendingVectors = 1024;
 constexpr std::size_t kPathCharacters = 256;
 
 inline bool IsDigit(int c) { return c >= '0' && c <= '9'; }
@@ -39,7 +42,12 @@ std::size_t M2DSliceIO_ssl::FormatFixed6(float value, char* out)
     const double scaled = static_cast<double>(value) * 1e6;
     if (!(std::fabs(scaled) < 9.0e15))
         return static_cast<std::size_t>(std::snprintf(out, 64, "%f", static_cast<double>(value)));
-    const double rounded = std::nearbyint(std::fabs(scaled));
+    // Adding and taking away 2^52 leaves the nearest integer, halves to even, for any
+    // magnitude below 2^52 (from there on every double is an integer): the same as
+    // nearbyint in the default rounding mode, without the library call.
+    constexpr double kTwo52 = 4503599627370496.0;
+    const double magnitude = std::fabs(scaled);
+    const double rounded = magnitude < kTwo52 ? (magnitude + kTwo52) - kTwo52 : magnitude;
     auto units = static_cast<std::uint64_t>(rounded);
     char digits[32];
     int n = 0;
@@ -132,6 +140,7 @@ bool M2DSliceIO_ssl::_WriteFooter(const std::vector<const ISource2DSlices*>& /*s
 
 bool M2DSliceIO_ssl::_ReadHeader(ITarget2DSlices* /*target*/)
 {
+    _chunk = legacy::InWindow::kChunk;
     _file.REWIND();
     if (!_file.SEARCH_STRING("SLICES()", -1, false))
         return _Fail("no \"SLICES()\" line: not an SSL file");
@@ -159,15 +168,7 @@ bool M2DSliceIO_ssl::_ReadHeader(ITarget2DSlices* /*target*/)
 
 bool M2DSliceIO_ssl::_ReadLayer(M2DSlice& slice, ITarget2DSlices* /*target*/, bool readVectors)
 {
-    M2DSliceContainerScanInfo info;
-    {
-        MLayerReader reader(slice, info);
-        if (!_FetchLayer(reader, readVectors))
-            return false;
-    }
-    _ExtendSliceArea(slice, info.Area);
-    slice.SetZ(info.Z);
-    return true;
+    return _ReadLayerWith(slice, [&](ILayerInput& input) { return _FetchLayer(input, readVectors); });
 }
 
 bool M2DSliceIO_ssl::_ScanLayer(M2DSliceContainerScanInfo& info, ITarget2DSlices* /*target*/, bool readVectors)
@@ -206,28 +207,192 @@ bool M2DSliceIO_ssl::_ReadStringWithSkipDelimitersOnBegin(char* out, const char*
     return true;
 }
 
-bool M2DSliceIO_ssl::_ReadPoint(int& x, int& y)
+namespace {
+
+// What a token of a layer is: its text up to a zero byte and at most 15 bytes, compared
+// with the four words of the format.
+enum class Word
+{
+    Number, // anything else
+    Z,
+    End,
+    Closed,
+    Open,
+};
+
+inline bool IsDelimiter(int c) { return c == ' ' || c == '\r' || c == '\n'; }
+
+// The fraction places 10^-k as repeated division gives them, in float and in double: the
+// values the digit loops would compute, taken from a table.
+constexpr int kPlaces = 40;
+struct Places
+{
+    Places()
+    {
+        float f = 1.0f;
+        double d = 1.0;
+        for (int k = 0; k < kPlaces; ++k)
+        {
+            f /= 10.0f;
+            d /= 10.0;
+            Float[k] = f;
+            Double[k] = d;
+        }
+    }
+    float Float[kPlaces];
+    double Double[kPlaces];
+};
+const Places kPlace;
+
+// A number token as the point reader takes it, when it takes it whole: any bytes that are not
+// digits, digits, and at most a '.' or ',' with digits behind it, nothing else. Then the
+// point reader's two passes come to the same values as reading the token by itself: an x in
+// double, a y in float, each digit as the reader adds it.
+struct TokenValue
+{
+    bool Whole = false; // the token has that form
+    double X = 0.0;
+    float Y = 0.0f;
+};
+
+// Which word the token [p, end) is, and with value, its coordinate values.
+void Classify(const unsigned char* p, const unsigned char* end, Word& word, TokenValue* value)
+{
+    // The text is the token up to a zero byte.
+    const unsigned char* zero = std::find(p, end, 0);
+    const std::size_t n = static_cast<std::size_t>(zero - p);
+    if (n == 1 && p[0] == 'Z')
+        word = Word::Z;
+    else if (n == 1 && p[0] == 'C')
+        word = Word::Closed;
+    else if (n == 1 && p[0] == 'O')
+        word = Word::Open;
+    else if (n == 3 && p[0] == 'E' && p[1] == 'N' && p[2] == 'D')
+        word = Word::End;
+    else
+        word = Word::Number;
+    if (!value)
+        return;
+    // The digits are gathered as integers and turned into the two values at the end: while
+    // the whole part stays below 2^24, adding digit by digit in float (and in double) is
+    // exact, so it is the integer itself; the fraction digits are then added as the reader
+    // adds them.
+    value->Whole = false;
+    while (p < end && !IsDigit(*p))
+        ++p;
+    if (p == end)
+        return;
+    std::uint32_t wholePart = 0;
+    for (; p < end && IsDigit(*p); ++p)
+    {
+        wholePart = wholePart * 10 + static_cast<std::uint32_t>(*p - '0');
+        if (wholePart >= (1u << 24))
+            return;
+    }
+    const unsigned char* fraction = p;
+    if (p < end && (*p == '.' || *p == ','))
+        for (fraction = ++p; p < end && IsDigit(*p); ++p)
+        {
+        }
+    const auto places = static_cast<int>(p - fraction);
+    if (p != end || places > kPlaces)
+        return; // something behind the number, or digits beyond the table: left to the point reader
+    double x = static_cast<double>(wholePart);
+    float y = static_cast<float>(wholePart);
+    for (int k = 0; k < places; ++k)
+    {
+        const int digit = fraction[k] - '0';
+        x += digit * kPlace.Double[k];
+        y += static_cast<float>(digit) * kPlace.Float[k];
+    }
+    value->Whole = true;
+    value->X = x;
+    value->Y = y;
+}
+
+// Reads the next token that is not empty, as _ReadStringWithSkipDelimitersOnBegin does, and
+// tells which word it is; false at the end of the file. With value, a number token is read
+// as a coordinate too. A token that the window holds whole, with its delimiter, is taken in
+// place; any other is gathered in scratch.
+bool NextWord(legacy::InWindow& in, Word& word, std::string& scratch, TokenValue* value = nullptr)
 {
     int c;
     do
-        c = _file.GETC();
+        c = in.Get();
+    while (c > 0 && IsDelimiter(c));
+    if (c < 0)
+        return false;
+    const unsigned char* first = in.Data() - 1; // c, in the window
+    const unsigned char* end = in.End();
+    const unsigned char* q = in.Data();
+    while (q < end && !(*q > 0 && IsDelimiter(*q)))
+        ++q;
+    if (q < end)
+    {
+        Classify(first, q, word, value);
+        in.Skip(static_cast<std::size_t>(q + 1 - in.Data())); // the delimiter too
+        return true;
+    }
+    scratch.clear();
+    for (; c >= 0 && !(c > 0 && IsDelimiter(c)); c = in.Get())
+        scratch += static_cast<char>(c);
+    const auto* text = reinterpret_cast<const unsigned char*>(scratch.data());
+    Classify(text, text + scratch.size(), word, value);
+    return true;
+}
+
+// A float as I2DSliceIO::_ReadTextValue reads it: the first digit onwards, a fraction after
+// '.' or ',', one byte behind the number consumed.
+bool ReadFloat(legacy::InWindow& in, float& value)
+{
+    value = 0.0f;
+    int c;
+    do
+        c = in.Get();
+    while (c >= 0 && !IsDigit(c));
+    if (c < 0)
+        return false;
+    for (; IsDigit(c); c = in.Get())
+        value = value * 10.0f + static_cast<float>(c - '0');
+    if (c == ',' || c == '.')
+    {
+        float place = 1.0f;
+        int k = 0;
+        for (c = in.Get(); IsDigit(c); c = in.Get(), ++k)
+        {
+            place = k < kPlaces ? kPlace.Float[k] : place / 10.0f;
+            value += static_cast<float>(c - '0') * place;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+// X by hand in double, digit by digit, Y as a float text value.
+bool M2DSliceIO_ssl::_ReadPoint(legacy::InWindow& in, int& x, int& y)
+{
+    int c;
+    do
+        c = in.Get();
     while (c >= 0 && !IsDigit(c));
     if (c < 0)
         return false;
     double value = 0.0;
-    for (; IsDigit(c); c = _file.GETC())
+    for (; IsDigit(c); c = in.Get())
         value = value * 10.0 + (c - '0');
     if (c == '.' || c == ',')
     {
         double place = 1.0;
-        for (c = _file.GETC(); IsDigit(c); c = _file.GETC())
+        int k = 0;
+        for (c = in.Get(); IsDigit(c); c = in.Get(), ++k)
         {
-            place /= 10.0;
+            place = k < kPlaces ? kPlace.Double[k] : place / 10.0;
             value += (c - '0') * place;
         }
     }
     float yValue;
-    if (!_ReadTextValue(yValue))
+    if (!ReadFloat(in, yValue))
         return false;
     const double unit = _properties.UnitConversionFactor;
     x = Round(value * unit);
@@ -237,55 +402,120 @@ bool M2DSliceIO_ssl::_ReadPoint(int& x, int& y)
 
 bool M2DSliceIO_ssl::_FetchLayer(ILayerInput& input, bool /*flag*/)
 {
-    const std::int64_t start = _file.TELL();
-    const int first = _file.GETC();
+    legacy::InWindow in(_file, _chunk);
+    const std::int64_t start = in.Tell();
+    const int first = in.Get();
     if (first != 'Z')
     {
-        _file.SEEK(start, 0);
+        in.Seek(start);
         // "END" or the end of the file close the layers; anything else is damage.
         return first < 0 || first == 'E' ? false : _FailAt("a layer does not start with \"Z\"", start);
     }
     float z, thickness;
-    if (!_ReadTextValue(z) || !_ReadTextValue(thickness))
+    if (!ReadFloat(in, z) || !ReadFloat(in, thickness))
         return _FailAt("the \"Z\" line is cut short", start);
     const double unit = _properties.UnitConversionFactor;
     input.SetZ(Round(static_cast<double>(z) * unit));
 
-    char token[16];
-    std::int64_t mark = _file.TELL();
+    // Every "O" line is a vector block of its own. A reader whose blocks of one label are
+    // merged afterwards gets them in one block straight away, which is what the merge would
+    // make of them; a scanner counts every block.
+    const bool measures = input.MeasuresOnly();
+    const bool oneBlock = !measures && _readOptions.VectorBlocks.MergeBlocks;
+    bool blockOpen = false;
+    _vectors.clear();
+    const auto addVectors = [&] {
+        if (!_vectors.empty())
+            input.AddVectors(_vectors.data(), _vectors.size());
+        _vectors.clear();
+    };
+    const auto addVector = [&](int x1, int y1, int x2, int y2) {
+        _vectors.emplace_back(x1, y1, x2, y2);
+        if (_vectors.size() >= kPendingVectors)
+            addVectors();
+    };
+    const auto startLine = [&] {
+        if (!oneBlock || !blockOpen)
+            input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_None), 0);
+        blockOpen = true;
+    };
+    const auto endLine = [&] {
+        if (oneBlock)
+            return;
+        // A scanner only widens the layer's box by the vectors: they may reach it in runs that
+        // cross the blocks it counts.
+        if (!measures)
+            addVectors();
+        input.EndVectorBlock(true);
+    };
+
+    Word word;
+    std::int64_t mark = in.Tell();
     std::uint64_t n = 0; // number tokens since the last "C" or "O"
+    // The coordinates of the run's tokens while all of them are whole numbers: then the run
+    // needs no second pass. The point reader's second pass takes the same values when the
+    // tokens pair up into points exactly, which an even count of two or more gives ("C" also
+    // with none).
+    bool whole = true;
+    _coords.clear();
+    TokenValue value;
     for (;;)
     {
-        if (!_ReadStringWithSkipDelimitersOnBegin(token, kDelimiters, sizeof token))
+        if (!NextWord(in, word, _token, whole ? &value : nullptr))
         {
             input.EndContour(false);
             return _FailAt("a layer is not closed by \"Z\" or \"END\"", start);
         }
-        if (std::strcmp(token, "Z") == 0)
+        if (word == Word::Z)
         {
-            _file.SEEK(-2, 1);
+            in.Seek(in.Tell() - 2);
             break;
         }
-        if (std::strcmp(token, "END") == 0)
+        if (word == Word::End)
         {
-            _file.SEEK(-4, 1);
+            in.Seek(in.Tell() - 4);
             break;
         }
-        const bool closed = std::strcmp(token, "C") == 0;
-        if (!closed && std::strcmp(token, "O") != 0)
+        if (word == Word::Number)
         {
+            if (whole && value.Whole)
+                _coords.push_back(n % 2 == 0 ? Round(value.X * unit) : Round(static_cast<double>(value.Y) * unit));
+            else
+                whole = false;
             ++n;
             continue;
         }
-        _file.SEEK(mark, 0);
+        if (whole && n % 2 == 0 && (word == Word::Closed || n >= 2))
+        {
+            const int* p = _coords.data();
+            if (word == Word::Closed)
+            {
+                input.StartContour(e2DSliceVectorType_None);
+                input.SetContourClosed(true);
+                for (std::uint64_t i = 0; i < n; i += 2)
+                    input.AddContourPoint(p[i], p[i + 1]);
+            }
+            else
+            {
+                startLine();
+                for (std::uint64_t i = 2; i < n; i += 2)
+                    addVector(p[i - 2], p[i - 1], p[i], p[i + 1]);
+                endLine();
+            }
+            mark = in.Tell();
+            n = 0;
+            _coords.clear();
+            continue;
+        }
+        in.Seek(mark);
         int x, y;
-        if (closed)
+        if (word == Word::Closed)
         {
             input.StartContour(e2DSliceVectorType_None);
             input.SetContourClosed(true);
             for (std::uint64_t i = 0; i < n / 2; ++i)
             {
-                if (!_ReadPoint(x, y))
+                if (!_ReadPoint(in, x, y))
                     return _FailAt("a point of a contour is cut short", mark);
                 input.AddContourPoint(x, y);
             }
@@ -294,25 +524,30 @@ bool M2DSliceIO_ssl::_FetchLayer(ILayerInput& input, bool /*flag*/)
         {
             if (n > 4)
                 n = 2 * n - 4;
-            input.StartVectorBlock(M2DSliceVectorTypeInfo(e2DSliceVectorType_None), 0);
-            if (!_ReadPoint(x, y))
+            startLine();
+            if (!_ReadPoint(in, x, y))
                 return _FailAt("a point of a line is cut short", mark);
             for (std::uint64_t i = 0; i < n / 4; ++i)
             {
                 int nx, ny;
-                if (!_ReadPoint(nx, ny))
+                if (!_ReadPoint(in, nx, ny))
                     return _FailAt("a point of a line is cut short", mark);
-                input.AddVector(M2DSliceVector(x, y, nx, ny));
+                addVector(x, y, nx, ny);
                 x = nx;
                 y = ny;
             }
-            input.EndVectorBlock(true);
+            endLine();
         }
         // Past the closing letter, and on to the next run.
-        _ReadStringWithSkipDelimitersOnBegin(token, kDelimiters, sizeof token);
-        mark = _file.TELL();
+        NextWord(in, word, _token);
+        mark = in.Tell();
         n = 0;
+        whole = true;
+        _coords.clear();
     }
+    addVectors();
+    if (oneBlock && blockOpen)
+        input.EndVectorBlock(true);
     input.EndContour(false);
     return true;
 }

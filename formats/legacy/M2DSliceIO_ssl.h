@@ -6,6 +6,10 @@
 
 #include "../../framework/I2DSliceIO.h"
 
+namespace legacy {
+class InWindow;
+}
+
 // SSL text files: a few header lines, then per layer a "Z" line and lines of points, each run
 // of points closed by "C" (a contour) or "O" (an open line), and "END" at the end. Always
 // written in inches. No append mode.
@@ -41,5 +45,10 @@ private:
     std::vector<char> _out; // records on their way to the file
     // X by hand (digits, then a fraction after '.' or ','), Y as a header value; both in
     // internal units.
-    bool _ReadPoint(int& x, int& y);
+    bool _ReadPoint(legacy::InWindow& in, int& x, int& y);
+
+    std::vector<M2DSliceVector> _vectors; // vectors waiting to go to the input
+    std::vector<int> _coords;             // the coordinates of a run of points
+    std::string _token;                   // a token that crosses the read window's end
+    std::size_t _chunk = 1 << 16;         // the read chunk that the file's buffer takes
 };

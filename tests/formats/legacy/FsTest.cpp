@@ -173,6 +173,7 @@ TEST(FsTest, RoundTripAndDamage)
     auto back = kit::RoundTrip(6, {&build}, dir.File("r.fs"), 10000, 40, &reason);
     ASSERT_TRUE(back) << reason;
     kit::ExpectSameBuild({&build}, *back, FormatRegistry::ForCode(6)->Losses, 200);
+    legacy_test::ExpectScanMeasuresTheRead(6, dir.File("r.fs"));
 
     const BuildGenerator small(BuildShape::Rich(2, 1));
     ASSERT_TRUE(kit::RoundTrip(6, {&small}, dir.File("s.fs"), 10000, 40, &reason)) << reason;

@@ -9,6 +9,7 @@
 
 #include "contracts/M2DSliceStack.h"
 #include "framework/I2DSliceIO.h"
+#include "framework/M2DSliceIOFactory.h"
 #include "tests/TestSupport.h"
 
 namespace legacy_test {
@@ -36,6 +37,40 @@ std::unique_ptr<M2DSliceStack> StackOf(const std::vector<std::int32_t>& heights,
         stack->AddSlice(slice, true);
     }
     return stack;
+}
+
+// Reads and scans every layer of a file side by side: the scan, which may measure runs of
+// vectors from their extreme values or across the blocks it counts, must come to the height,
+// contour count and box of what the read builds.
+inline void ExpectScanMeasuresTheRead(short code, const std::string& path)
+{
+    const std::shared_ptr<I2DSliceIO> reader = M2DSliceIOFactory::GetSliceIO(code);
+    const std::shared_ptr<I2DSliceIO> scanner = M2DSliceIOFactory::GetSliceIO(code);
+    ASSERT_TRUE(reader && scanner);
+    I2DSliceIO::ReadOptions options;
+    options.VectorBlocks.MergeBlocks = false;
+    reader->SetReadOptions(options);
+    ASSERT_TRUE(reader->OpenFile(ts::Wide(path), I2DSliceIO::Read) && reader->ReadHeader(nullptr));
+    ASSERT_TRUE(scanner->OpenFile(ts::Wide(path), I2DSliceIO::Read) && scanner->ReadHeader(nullptr));
+    M2DSlice slice;
+    M2DSliceContainerScanInfo info;
+    std::size_t layers = 0, vectors = 0;
+    while (reader->ReadLayer(slice, nullptr, true))
+    {
+        SCOPED_TRACE("layer " + std::to_string(layers));
+        ASSERT_TRUE(scanner->ScanLayer(info, nullptr, true));
+        EXPECT_EQ(info.Z, slice.GetZ());
+        EXPECT_EQ(info.NumContours, slice.GetSliceBorder()->GetNumContours());
+        EXPECT_EQ(info.Area, slice.GetXYArea(false));
+        vectors += slice.GetVectors()->GetTotalNumVectors();
+        ++layers;
+    }
+    EXPECT_FALSE(scanner->ScanLayer(info, nullptr, true));
+    EXPECT_EQ(reader->GetFailureReason(), "");
+    EXPECT_GT(layers, 0u);
+    EXPECT_GT(vectors, 0u);
+    reader->CloseFile();
+    scanner->CloseFile();
 }
 
 // The sample files written by other software, beside the checkout.

@@ -242,6 +242,7 @@ TEST(SlcTest, RoundTripAndDamage)
     auto back = kit::RoundTrip(4, sources, dir.File("r.slc"), 10000, 1, &reason);
     ASSERT_TRUE(back) << reason;
     kit::ExpectSameBuild(sources, *back, FormatRegistry::ForCode(4)->Losses, 1);
+    legacy_test::ExpectScanMeasuresTheRead(4, dir.File("r.slc"));
 
     // Damage on a small file: two layers of one part.
     const BuildGenerator small(BuildShape::Rich(2, 1));

@@ -120,6 +120,107 @@ TEST(SslTest, ReaderQuirks)
     EXPECT_NE(damaged.GetFailureReason(), "");
 }
 
+// Runs of plain number tokens are read in one pass; a token of any other form sends its run
+// through the point reader's second pass. Both must come to the same layer: here every X of
+// the second file carries a letter behind its number, which the point reader passes over.
+TEST(SslTest, OnePassAndTwoPassRunsReadAlike)
+{
+    ts::ScratchDir dir;
+    const std::vector<std::pair<const char*, const char*>> points = {
+        {"0.5", "0.25"}, {"1", "0.25"}, {"1,75", "1.000000001"}, {"0.123456789012345", "0.987654321098765"},
+        {"-2.5", "3"}, {"12", "0.0000004"}};
+    std::string plain = "Slice V0\nFILE(0,x.sslUNITS(INCH)\nSLICES()\nZ 0.1 0.1\n";
+    std::string marked = plain;
+    for (std::size_t i = 0; i < points.size(); ++i)
+    {
+        plain += std::string(points[i].first) + " " + points[i].second + "\n";
+        marked += std::string(points[i].first) + "x " + points[i].second + "\n";
+        if (i == 2)
+        {
+            plain += "C\n";
+            marked += "C\n";
+        }
+    }
+    plain += "O\nZ 0.2 0.1\n3 4\nO\nEND\n";
+    marked += "O\nZ 0.2 0.1\n3x 4\nO\nEND\n";
+    ts::WriteFile(dir.File("p.ssl"), plain);
+    ts::WriteFile(dir.File("m.ssl"), marked);
+    M2DSliceIO_ssl onePass, twoPass;
+    const std::vector<M2DSlice> a = Read(onePass, dir.File("p.ssl"));
+    const std::vector<M2DSlice> b = Read(twoPass, dir.File("m.ssl"));
+    EXPECT_EQ(onePass.GetFailureReason(), "");
+    EXPECT_EQ(twoPass.GetFailureReason(), "");
+    ASSERT_EQ(a.size(), 2u);
+    ASSERT_EQ(b.size(), 2u);
+    // 1.75 inch by hand; the rest must only agree.
+    EXPECT_EQ(ts::PointsOf(*a[0].GetSliceBorder()->GetContour(0))[2].first, 444500);
+    EXPECT_EQ(a[0].GetVectors()->GetTotalNumVectors(), 2u);
+    // A single point before "O" gives no vector, in either pass.
+    EXPECT_EQ(a[1].GetVectors()->GetTotalNumVectors(), 0u);
+    for (std::size_t i = 0; i < a.size(); ++i)
+        ts::ExpectSameSlice(a[i], b[i], "layer " + std::to_string(i));
+    legacy_test::ExpectScanMeasuresTheRead(5, dir.File("p.ssl"));
+    legacy_test::ExpectScanMeasuresTheRead(5, dir.File("m.ssl"));
+}
+
+// The same on random texts: numbers of every form the point reader takes (signs it drops,
+// decimal commas, long fractions, whole parts past 2^24), runs of any length closed by "C"
+// or "O", odd counts and empty runs. A letter behind every number changes nothing for the
+// point reader, and makes every run take the second pass.
+TEST(SslTest, RandomRunsReadAlikeInBothPasses)
+{
+    ts::ScratchDir dir;
+    std::mt19937 random(11);
+    const auto pick = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };
+    for (int file = 0; file < 150; ++file)
+    {
+        SCOPED_TRACE(file);
+        std::string plain = "Slice V0\nFILE(0,x.sslUNITS(" + std::string(file % 3 ? "INCH" : "MM") + ")\nSLICES()\n";
+        std::string marked = plain;
+        const char* spaces[] = {" ", "\n", "\r\n", "  "};
+        for (int layer = 0, layers = 1 + pick(3); layer < layers; ++layer)
+        {
+            const std::string z = "Z " + std::to_string(layer) + ".5 0.1\n";
+            plain += z;
+            marked += z;
+            for (int run = 0, runs = pick(5); run < runs; ++run)
+            {
+                for (int token = 0, tokens = pick(9); token < tokens; ++token)
+                {
+                    std::string number = pick(4) == 0 ? "-" : "";
+                    for (int d = 0, digits = 1 + pick(pick(6) == 0 ? 9 : 3); d < digits; ++d)
+                        number += static_cast<char>('0' + pick(10));
+                    if (pick(3) != 0)
+                    {
+                        number += pick(4) == 0 ? ',' : '.';
+                        for (int d = 0, digits = pick(pick(5) == 0 ? 20 : 7); d < digits; ++d)
+                            number += static_cast<char>('0' + pick(10));
+                    }
+                    const char* space = spaces[pick(4)];
+                    plain += number + space;
+                    marked += number + "x" + space;
+                }
+                const std::string letter = pick(2) ? "C\n" : "O\n";
+                plain += letter;
+                marked += letter;
+            }
+        }
+        plain += "END\n";
+        marked += "END\n";
+        ts::WriteFile(dir.File("p.ssl"), plain);
+        ts::WriteFile(dir.File("m.ssl"), marked);
+        M2DSliceIO_ssl onePass, twoPass;
+        const std::vector<M2DSlice> a = Read(onePass, dir.File("p.ssl"));
+        const std::vector<M2DSlice> b = Read(twoPass, dir.File("m.ssl"));
+        // Damage, such as a last "O" that reads past the end, is found by both (at offsets
+        // that the letters shift).
+        EXPECT_EQ(onePass.GetFailureReason().empty(), twoPass.GetFailureReason().empty());
+        ASSERT_EQ(a.size(), b.size());
+        for (std::size_t i = 0; i < a.size(); ++i)
+            ts::ExpectSameSlice(a[i], b[i], "layer " + std::to_string(i));
+    }
+}
+
 TEST(SslTest, OnlyTheFirstSliceOfALayerIsWritten)
 {
     ts::ScratchDir dir;
@@ -142,6 +243,7 @@ TEST(SslTest, RoundTripAndDamage)
     auto back = kit::RoundTrip(5, {&build}, dir.File("r.ssl"), 10000, 1000, &reason);
     ASSERT_TRUE(back) << reason;
     kit::ExpectSameBuild({&build}, *back, FormatRegistry::ForCode(5)->Losses, 2);
+    legacy_test::ExpectScanMeasuresTheRead(5, dir.File("r.ssl"));
 
     const BuildGenerator small(BuildShape::Rich(2, 1));
     ASSERT_TRUE(kit::RoundTrip(5, {&small}, dir.File("s.ssl"), 10000, 1000, &reason)) << reason;
