@@ -111,9 +111,7 @@ case "${1:-all}" in
   all)
     asan
     tsan
-    # The SLI read target finds inputs whose lazy read disagrees with the scan's layer table (no
-    # memory error); it runs on its own (bash cmake/test.sh fuzz) until that is fixed.
-    SLICEIO_FUZZ_SKIP="" bash fuzz/run.sh --total 240
+    bash fuzz/run.sh --total 240
     consumer
     deb
     plain # last, so that its closing summary is the run's last word (it runs the pytest suite too)
