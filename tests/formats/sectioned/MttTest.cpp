@@ -28,18 +28,7 @@ std::string Hex(std::initializer_list<unsigned> bytes)
 std::string WriteMtt(const std::vector<const ISource2DSlices*>& sources, const std::string& path,
                      const std::function<void(M2DSliceIO_mtt&)>& prepare = nullptr, bool compressed = false)
 {
-    auto io = std::make_shared<M2DSliceIO_mtt>(compressed);
-    io->SetFileType(51);
-    if (prepare)
-        prepare(*io);
-    std::shared_ptr<I2DSliceIO> base = io;
-    M2DSliceContainerIO out(base);
-    if (!out.WriteContainers(sources, ts::Wide(path), 10000, 1, nullptr))
-    {
-        ADD_FAILURE() << "write failed: " << io->GetFailureReason();
-        return {};
-    }
-    return ts::ReadFile(path);
+    return WriteSectioned<M2DSliceIO_mtt>(sources, path, 51, prepare, compressed);
 }
 
 std::unique_ptr<M2DSliceStack> ReadAs(const std::string& path, short code)

@@ -84,13 +84,14 @@ inline M2DSlice SliceAt(std::int32_t z)
     return slice;
 }
 
-// Writes the sources through M2DSliceContainerIO with code 47 in millimetres; the bytes, or
-// empty with the reason in the test log.
-inline std::string WriteSlm(const std::vector<const ISource2DSlices*>& sources, const std::string& path,
-                            const std::function<void(M2DSliceIO_slm&)>& prepare = nullptr)
+// Writes the sources with a sectioned writer of the given code through M2DSliceContainerIO in
+// millimetres; the bytes, or empty with the reason in the test log.
+template <class IO>
+std::string WriteSectioned(const std::vector<const ISource2DSlices*>& sources, const std::string& path, short code,
+                           const std::function<void(IO&)>& prepare, bool compressed)
 {
-    auto io = std::make_shared<M2DSliceIO_slm>(false);
-    io->SetFileType(47);
+    auto io = std::make_shared<IO>(compressed);
+    io->SetFileType(code);
     if (prepare)
         prepare(*io);
     std::shared_ptr<I2DSliceIO> base = io;
@@ -101,6 +102,12 @@ inline std::string WriteSlm(const std::vector<const ISource2DSlices*>& sources, 
         return {};
     }
     return ts::ReadFile(path);
+}
+
+inline std::string WriteSlm(const std::vector<const ISource2DSlices*>& sources, const std::string& path,
+                            const std::function<void(M2DSliceIO_slm&)>& prepare = nullptr)
+{
+    return WriteSectioned<M2DSliceIO_slm>(sources, path, 47, prepare, false);
 }
 
 inline std::unique_ptr<M2DSliceStack> ReadSlm(const std::string& path, bool merge = false)
