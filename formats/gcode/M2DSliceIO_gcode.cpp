@@ -238,32 +238,31 @@ bool M2DSliceIO_gcode::_WriteLayerNumber(std::uint64_t number)
     return _Emit();
 }
 
-bool M2DSliceIO_gcode::_WriteNozzleTemperature(std::int32_t temperature)
+bool M2DSliceIO_gcode::_WriteIntegerCommand(const char* word, std::int32_t value)
 {
     _text.Clear();
-    _text.Text("M104 S").Integer(temperature);
+    _text.Text(word).Integer(value);
     return _Emit();
+}
+
+bool M2DSliceIO_gcode::_WriteNozzleTemperature(std::int32_t temperature)
+{
+    return _WriteIntegerCommand("M104 S", temperature);
 }
 
 bool M2DSliceIO_gcode::_WriteBedTemperature(std::int32_t temperature)
 {
-    _text.Clear();
-    _text.Text("M140 S").Integer(temperature);
-    return _Emit();
+    return _WriteIntegerCommand("M140 S", temperature);
 }
 
 bool M2DSliceIO_gcode::_WriteNozzleWait(std::int32_t temperature)
 {
-    _text.Clear();
-    _text.Text("M109 S").Integer(temperature);
-    return _Emit();
+    return _WriteIntegerCommand("M109 S", temperature);
 }
 
 bool M2DSliceIO_gcode::_WriteBedWait(std::int32_t temperature)
 {
-    _text.Clear();
-    _text.Text("M190 S").Integer(temperature);
-    return _Emit();
+    return _WriteIntegerCommand("M190 S", temperature);
 }
 
 bool M2DSliceIO_gcode::_WriteWaitSeconds(double seconds)

@@ -119,6 +119,8 @@ protected:
 private:
     // Writes a composed line (the text in _text) by the rich-line rules.
     bool _Emit();
+    // One line of a command word and its integer value, such as "M104 S210".
+    bool _WriteIntegerCommand(const char* word, std::int32_t value);
     bool _WriteHookLines(std::uint64_t nozzle, std::uint64_t layer);
     bool _WriteMachineLayer(const M2DSlice& slice, unsigned category, double speed);
 

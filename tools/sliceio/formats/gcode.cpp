@@ -169,26 +169,6 @@ void ReadBase(Section& s, GCodeBaseParameters& p)
     }
 }
 
-void ReadSpeeds(Section& s, GCodeParameters::Speeds& r)
-{
-    s.Number("JumpSpeed", r.JumpSpeed);
-    s.Number("ZSpeed", r.ZSpeed);
-    s.Number("Contour", r.Contour);
-    s.Number("Infill", r.Infill);
-    s.Number("SupportPerimeter", r.SupportPerimeter);
-    s.Number("SupportInfill", r.SupportInfill);
-    s.Number("SupportRoof", r.SupportRoof);
-    s.Number("Down", r.Down);
-    s.Number("Up", r.Up);
-    s.Number("SecondDown", r.SecondDown);
-    s.Number("SecondUp", r.SecondUp);
-    s.Number("Brim", r.Brim);
-    s.Number("Skirt", r.Skirt);
-    s.Number("Raft", r.Raft);
-    s.Number("FollowingRaft", r.FollowingRaft);
-    s.Number("InitialLayer", r.InitialLayer);
-}
-
 template <class Record>
 void ReadCategories(Section& s, Record& r)
 {
@@ -205,6 +185,14 @@ void ReadCategories(Section& s, Record& r)
     s.Number("Skirt", r.Skirt);
     s.Number("Raft", r.Raft);
     s.Number("FollowingRaft", r.FollowingRaft);
+}
+
+void ReadSpeeds(Section& s, GCodeParameters::Speeds& r)
+{
+    s.Number("JumpSpeed", r.JumpSpeed);
+    s.Number("ZSpeed", r.ZSpeed);
+    ReadCategories(s, r);
+    s.Number("InitialLayer", r.InitialLayer);
 }
 
 void ReadZone(Section& s, GCodeZoneParameters& z)
