@@ -14,6 +14,8 @@ using ConvertKernels::Round;
 
 const char* FindOr(const char* from, const char* end, char c)
 {
+    if (from == end) // an empty text may have no storage at all, and memchr takes none
+        return end;
     const void* at = std::memchr(from, c, static_cast<std::size_t>(end - from));
     return at ? static_cast<const char*>(at) : end;
 }
